@@ -1,0 +1,46 @@
+# Two commands do everything on a fresh Debian 12 machine:
+#   make demo   builds the tools and runs the demonstration
+#   make test   builds everything and runs every test
+PRESET ?= dev
+BUILD_DIR := build/$(PRESET)
+
+.PHONY: all deps configure build test demo bench install format test-asan test-tsan clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+configure: deps
+	cmake --preset $(PRESET)
+
+build: configure
+	cmake --build --preset $(PRESET)
+
+test: build
+	ctest --preset $(PRESET)
+
+demo: deps
+	cmake --preset dev
+	cmake --build --preset dev --target korcommon_cli
+	scripts/demo build/dev/tools/korcommon
+
+bench: deps
+	cmake --preset release
+	cmake --build --preset release
+	for benchmark in build/release/bench/bench_*; do $$benchmark; done
+
+test-asan:
+	$(MAKE) test PRESET=asan
+
+test-tsan:
+	$(MAKE) test PRESET=tsan
+
+install: build
+	cmake --install $(BUILD_DIR) $(if $(PREFIX),--prefix $(PREFIX))
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build

@@ -1,0 +1,45 @@
+# Install both libraries, all headers, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(KORCOMMON_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/korcommon")
+
+set(installed_targets korcommon)
+if(NOT KORCOMMON_EXTERNAL_DOVALIB)
+  list(APPEND installed_targets dovalib)
+endif()
+
+install(TARGETS ${installed_targets}
+  EXPORT korcommonTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/dova"
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/korcommon/"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/korcommon"
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT korcommonTargets
+  FILE korcommonTargets.cmake
+  NAMESPACE korcommon::
+  DESTINATION ${KORCOMMON_CMAKE_DIR})
+
+configure_package_config_file(
+  "${PROJECT_SOURCE_DIR}/cmake/korcommonConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/korcommonConfig.cmake"
+  INSTALL_DESTINATION ${KORCOMMON_CMAKE_DIR})
+write_basic_package_version_file(
+  "${PROJECT_BINARY_DIR}/korcommonConfigVersion.cmake"
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/korcommonConfig.cmake"
+  "${PROJECT_BINARY_DIR}/korcommonConfigVersion.cmake"
+  DESTINATION ${KORCOMMON_CMAKE_DIR})
+
+configure_file("${PROJECT_SOURCE_DIR}/cmake/korcommon.pc.in"
+  "${PROJECT_BINARY_DIR}/korcommon.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/korcommon.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

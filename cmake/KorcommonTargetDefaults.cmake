@@ -1,0 +1,18 @@
+# Per-target compiler settings: every target of the project goes through
+# korcommon_target_defaults() instead of global flags.
+function(korcommon_target_defaults target)
+  target_compile_features(${target} PRIVATE cxx_std_17)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    target_compile_options(${target} PRIVATE
+      -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+      -Wnon-virtual-dtor -Woverloaded-virtual)
+    if(KORCOMMON_WARNINGS_AS_ERRORS)
+      target_compile_options(${target} PRIVATE -Werror)
+    endif()
+  endif()
+  if(KORCOMMON_SANITIZERS)
+    target_compile_options(${target} PRIVATE
+      -fsanitize=${KORCOMMON_SANITIZERS} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${KORCOMMON_SANITIZERS})
+  endif()
+endfunction()

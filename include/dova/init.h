@@ -1,0 +1,44 @@
+#ifndef DOVA_INIT_H_
+#define DOVA_INIT_H_
+
+#include <cstdint>
+#include <string>
+
+#include "dova/os/node_handle_base.h"
+
+namespace dova {
+
+// How a node joins the middleware. Unset fields fall back to the environment
+// ("DOVA_TRANSPORT", "DOVA_MODE", "DOVA_DOMAIN_ID"), then to the defaults.
+struct Options {
+  std::string transport;      // "local"; empty: $DOVA_TRANSPORT, else "local"
+  int mode = -1;              // 0, 1 or 2; -1: $DOVA_MODE, else 1
+  bool intra_process = true;  // same-process deliveries skip encoding
+  int domain_id = -1;         // DDS domain; -1: $DOVA_DOMAIN_ID, else 0
+};
+
+// Starts the middleware for this process under `node_name`. Returns false,
+// with an ERROR trace and nothing changed, for a second init without
+// shutdown, an empty name, or an unknown transport or mode. Thread-safe.
+bool init(const std::string& node_name, const Options& options = {});
+
+// Stops deliveries and joins the platform's threads; nh() answers the plain
+// base handle afterwards. Does nothing when the middleware is not running.
+void shutdown();
+
+// The name given to init, or "" when the middleware is not running.
+std::string getNodeName();
+
+// Installs another node handle (a test double or another middleware) that
+// nh() then answers. Returns the previously installed one; nullptr restores
+// the platform's own. The caller keeps ownership and keeps the handle alive
+// while it is installed.
+NodeHandleBase* setNodeHandle(NodeHandleBase* handle);
+
+// The sender's node name from a frame's 32-byte transport prefix: the bytes
+// up to the first NUL, or all 32 when there is none; "" when `len` < 32.
+std::string getCallerId(uint8_t* data, int len);
+
+}  // namespace dova
+
+#endif  // DOVA_INIT_H_

@@ -1,0 +1,40 @@
+# Run with cmake -P; see CMakeLists.txt beside this file.
+set(prefix "${WORK_DIR}/prefix")
+file(REMOVE_RECURSE "${WORK_DIR}")
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "failed (${result}): ${ARGN}\n${output}")
+  endif()
+  set(last_output "${output}" PARENT_SCOPE)
+endfunction()
+
+run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+
+foreach(expected
+    lib/libkorcommon.so lib/libdovalib.so
+    lib/cmake/korcommon/korcommonConfig.cmake lib/cmake/korcommon/korcommonConfigVersion.cmake
+    lib/pkgconfig/korcommon.pc
+    include/korcommon/utils.h include/dova/json/reader.h include/dova/param.h)
+  if(NOT EXISTS "${prefix}/${expected}")
+    message(FATAL_ERROR "not installed: ${expected}")
+  endif()
+endforeach()
+
+# 1. CMake package.
+run(${CMAKE_COMMAND} -S "${CONSUMER_DIR}" -B "${WORK_DIR}/cmake-build"
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+run(${CMAKE_COMMAND} --build "${WORK_DIR}/cmake-build")
+run("${WORK_DIR}/cmake-build/consumer")
+message(STATUS "${last_output}")
+
+# 2. pkg-config.
+set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
+run(pkg-config --cflags --libs korcommon)
+string(STRIP "${last_output}" flags)
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(${CXX_COMPILER} "${CONSUMER_DIR}/consumer.cpp" ${flags} "-Wl,-rpath,${prefix}/lib"
+    -o "${WORK_DIR}/pkg-consumer")
+run("${WORK_DIR}/pkg-consumer")
+message(STATUS "${last_output}")
