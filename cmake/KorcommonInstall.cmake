@@ -19,7 +19,8 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/dova"
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/korcommon/"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/korcommon"
-  FILES_MATCHING PATTERN "*.h")
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "trace_text.h" EXCLUDE)
 
 install(EXPORT korcommonTargets
   FILE korcommonTargets.cmake

@@ -29,7 +29,9 @@ namespace {
   throw std::runtime_error(path + ": " + reason);
 }
 
-std::string errnoText(int error) { return std::error_code(error, std::generic_category()).message(); }
+std::string errnoText(int error) {
+  return std::error_code(error, std::generic_category()).message();
+}
 
 // The shortest text that reads back as exactly `value`.
 std::string exactDoubleText(double value) {

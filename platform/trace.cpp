@@ -12,12 +12,18 @@ namespace {
 
 const char* levelName(int level) {
   switch (level) {
-    case DEBUG: return "DEBUG";
-    case INFO: return "INFO";
-    case WARN: return "WARN";
-    case ERROR: return "ERROR";
-    case FATAL: return "FATAL";
-    default: return "TRACE";
+    case DEBUG:
+      return "DEBUG";
+    case INFO:
+      return "INFO";
+    case WARN:
+      return "WARN";
+    case ERROR:
+      return "ERROR";
+    case FATAL:
+      return "FATAL";
+    default:
+      return "TRACE";
   }
 }
 

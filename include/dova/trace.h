@@ -11,8 +11,8 @@ enum TraceLevel : int { DEBUG = 1, INFO = 2, WARN = 4, ERROR = 8, FATAL = 16 };
 
 // Receives every message of dova::mtrace, already formatted. `file` is the
 // caller's __FILE__ and `function` the name it passed.
-using TraceSink = std::function<void(int level, const char* file, int line,
-                                     const char* function, const std::string& text)>;
+using TraceSink = std::function<void(int level, const char* file, int line, const char* function,
+                                     const std::string& text)>;
 
 // Installs `sink` for all threads and returns the previous one. An empty sink
 // restores the default, which writes one line to standard error for WARN and

@@ -23,8 +23,8 @@ bool enterPrivateOpt(std::string* why) {
   } else if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     // Without this the tmpfs below would propagate back to the host's /opt.
     reason = errnoText("making / private");
-  } else if (mount("korcommon-test-opt", "/opt", "tmpfs", MS_NOSUID | MS_NODEV, "size=64m,mode=755") !=
-             0) {
+  } else if (mount("korcommon-test-opt", "/opt", "tmpfs", MS_NOSUID | MS_NODEV,
+                   "size=64m,mode=755") != 0) {
     reason = errnoText("mounting a tmpfs on /opt");
   }
   private_opt = reason.empty();

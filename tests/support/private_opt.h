@@ -20,12 +20,12 @@ const std::string& privateOptUnavailableReason();
 }  // namespace korcommon::testing
 
 // Skips the current test unless /opt is private to this process.
-#define KORCOMMON_REQUIRE_PRIVATE_OPT()                                         \
-  do {                                                                          \
-    if (!::korcommon::testing::hasPrivateOpt()) {                               \
-      GTEST_SKIP() << "needs a private /opt: "                                  \
-                   << ::korcommon::testing::privateOptUnavailableReason();      \
-    }                                                                           \
+#define KORCOMMON_REQUIRE_PRIVATE_OPT()                                    \
+  do {                                                                     \
+    if (!::korcommon::testing::hasPrivateOpt()) {                          \
+      GTEST_SKIP() << "needs a private /opt: "                             \
+                   << ::korcommon::testing::privateOptUnavailableReason(); \
+    }                                                                      \
   } while (false)
 
 #endif  // KORCOMMON_TESTS_SUPPORT_PRIVATE_OPT_H_

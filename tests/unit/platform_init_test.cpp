@@ -9,33 +9,12 @@
 
 #include "dova/init.h"
 #include "dova/trace.h"
+#include "trace_capture.h"
 
 namespace {
 
-struct TraceRecord {
-  int level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-};
-
-// Captures dova::mtrace output for the life of the object.
-class TraceCapture {
- public:
-  TraceCapture() {
-    previous_ = dova::setTraceSink([this](int level, const char* file, int line,
-                                          const char* function, const std::string& text) {
-      records.push_back({level, file == nullptr ? "" : file, line, function, text});
-    });
-  }
-  ~TraceCapture() { dova::setTraceSink(previous_); }
-
-  std::vector<TraceRecord> records;
-
- private:
-  dova::TraceSink previous_;
-};
+using korcommon::testing::TraceCapture;
+using korcommon::testing::TraceReport;
 
 class DovaInit : public ::testing::Test {
  protected:
@@ -89,14 +68,14 @@ TEST_F(DovaInit, RefusesBadRequestsWithAnErrorAndChangesNothing) {
   EXPECT_FALSE(dova::init("second"));
   EXPECT_EQ(dova::getNodeName(), "first");
 
-  ASSERT_EQ(capture.records.size(), 6u);
-  for (const TraceRecord& record : capture.records) {
+  ASSERT_EQ(capture.reports().size(), 6u);
+  for (const TraceReport& record : capture.reports()) {
     EXPECT_EQ(record.level, dova::ERROR);
     EXPECT_EQ(record.function, "init");
     EXPECT_FALSE(record.text.empty());
   }
-  EXPECT_NE(capture.records[1].text.find("carrier-pigeon"), std::string::npos);
-  EXPECT_NE(capture.records[5].text.find("first"), std::string::npos);
+  EXPECT_NE(capture.reports()[1].text.find("carrier-pigeon"), std::string::npos);
+  EXPECT_NE(capture.reports()[5].text.find("first"), std::string::npos);
 }
 
 TEST_F(DovaInit, OptionsFallBackToTheEnvironment) {
@@ -119,7 +98,7 @@ TEST_F(DovaInit, OptionsFallBackToTheEnvironment) {
   setenv("DOVA_TRANSPORT", "local", 1);
   setenv("DOVA_DOMAIN_ID", "-5", 1);
   EXPECT_FALSE(dova::init("bad_env"));
-  EXPECT_EQ(capture.records.size(), 3u);
+  EXPECT_EQ(capture.reports().size(), 3u);
 }
 
 TEST_F(DovaInit, InstalledHandleStandsInUntilRemoved) {
@@ -172,10 +151,12 @@ TEST(DovaCallerId, TakesThePrefixUpToTheFirstNul) {
 }
 
 TEST(DovaTrace, SinkReceivesFormattedTextAndCanBeRestored) {
-  std::vector<TraceRecord> records;
-  dova::TraceSink previous = dova::setTraceSink(
-      [&records](int level, const char* file, int line, const char* function,
-                 const std::string& text) { records.push_back({level, file, line, function, text}); });
+  std::vector<TraceReport> records;
+  dova::TraceSink previous =
+      dova::setTraceSink([&records](int level, const char* file, int line, const char* function,
+                                    const std::string& text) {
+        records.push_back({level, file, line, function, text});
+      });
   EXPECT_FALSE(previous) << "the default sink is reported as empty";
 
   dova::mtrace(dova::WARN, "a/b/c.cpp", 12, "thread_loop", false, "%s took %.2f ms", "pool", 51.5);

@@ -110,9 +110,9 @@ TEST_F(ParamTest, NanSurvivesAsNan) {
 
 TEST_F(ParamTest, StringsComeBackAsTheSameText) {
   // Texts that YAML would otherwise read as null, booleans, numbers or syntax.
-  const std::vector<std::string> texts = {"~",       "null", "yes", "12",  "0x1F", "- a",
-                                          "a: b",    "#x",   "",    " lead", "trail ", "line\nfeed",
-                                          "\"quo\"", "tab\t", "ü→✓"};
+  const std::vector<std::string> texts = {"~",      "null",       "yes",     "12",    "0x1F",
+                                          "- a",    "a: b",       "#x",      "",      " lead",
+                                          "trail ", "line\nfeed", "\"quo\"", "tab\t", "ü→✓"};
   for (const std::string& text : texts) {
     dova::Param(path("text.yaml")).set("sn", text);
     std::string read_back = "unset";

@@ -1,5 +1,5 @@
-#ifndef KORCOMMON_TESTS_UNIT_TRACE_CAPTURE_H_
-#define KORCOMMON_TESTS_UNIT_TRACE_CAPTURE_H_
+#ifndef KORCOMMON_TESTS_SUPPORT_TRACE_CAPTURE_H_
+#define KORCOMMON_TESTS_SUPPORT_TRACE_CAPTURE_H_
 
 #include <string>
 #include <vector>
@@ -40,4 +40,4 @@ class TraceCapture {
 
 }  // namespace korcommon::testing
 
-#endif  // KORCOMMON_TESTS_UNIT_TRACE_CAPTURE_H_
+#endif  // KORCOMMON_TESTS_SUPPORT_TRACE_CAPTURE_H_

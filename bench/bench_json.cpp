@@ -1,0 +1,128 @@
+// Reading and writing JSON documents with dova::json against nlohmann/json and RapidJSON.
+//
+// Every benchmark of a document counts that document's source size as its bytes, so the
+// bytes/s of the peers compare their times directly. Reading starts from the text and ends
+// with the document destroyed; writing starts from a document and ends with the text in a
+// std::string, as the signal envelope produces it.
+#include <benchmark/benchmark.h>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "dova/json/reader.h"
+#include "dova/json/writer.h"
+
+namespace {
+
+std::string loadDocument(const char* name) {
+  const std::string path = std::string(KORCOMMON_BENCH_DATA_DIR) + "/" + name;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot open " + path);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+void countBytes(benchmark::State& state, const std::string& text) {
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+}
+
+dova::json::Object readDocument(const std::string& text) {
+  dova::json::Object document;
+  std::istringstream stream(text);
+  dova::json::Reader::Read(document, stream);
+  return document;
+}
+
+void BM_JsonReaderRead(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  for ([[maybe_unused]] auto iteration : state) {
+    dova::json::Object document;
+    std::istringstream stream(text);
+    dova::json::Reader::Read(document, stream);
+    benchmark::DoNotOptimize(document);
+  }
+  countBytes(state, text);
+}
+
+void BM_JsonWriterWrite(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  const dova::json::Object document = readDocument(text);
+  for ([[maybe_unused]] auto iteration : state) {
+    std::ostringstream stream;
+    dova::json::Writer::Write(document, stream);
+    std::string written = stream.str();
+    benchmark::DoNotOptimize(written);
+  }
+  countBytes(state, text);
+}
+
+void BM_NlohmannJsonParse(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  for ([[maybe_unused]] auto iteration : state) {
+    nlohmann::json document = nlohmann::json::parse(text);
+    benchmark::DoNotOptimize(document);
+  }
+  countBytes(state, text);
+}
+
+void BM_NlohmannJsonDump(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  const nlohmann::json document = nlohmann::json::parse(text);
+  for ([[maybe_unused]] auto iteration : state) {
+    std::string written = document.dump();
+    benchmark::DoNotOptimize(written);
+  }
+  countBytes(state, text);
+}
+
+void BM_RapidJsonParse(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  for ([[maybe_unused]] auto iteration : state) {
+    rapidjson::Document document;
+    document.Parse(text.c_str(), text.size());
+    if (document.HasParseError()) {
+      state.SkipWithError("RapidJSON could not parse the document");
+      break;
+    }
+    benchmark::DoNotOptimize(document);
+  }
+  countBytes(state, text);
+}
+
+void BM_RapidJsonWrite(benchmark::State& state, const char* name) {
+  const std::string text = loadDocument(name);
+  rapidjson::Document document;
+  document.Parse(text.c_str(), text.size());
+  for ([[maybe_unused]] auto iteration : state) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    document.Accept(writer);
+    std::string written(buffer.GetString(), buffer.GetSize());
+    benchmark::DoNotOptimize(written);
+  }
+  countBytes(state, text);
+}
+
+}  // namespace
+
+BENCHMARK_CAPTURE(BM_JsonReaderRead, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_JsonReaderRead, doc100k, "doc100k.json");
+BENCHMARK_CAPTURE(BM_NlohmannJsonParse, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_NlohmannJsonParse, doc100k, "doc100k.json");
+BENCHMARK_CAPTURE(BM_RapidJsonParse, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_RapidJsonParse, doc100k, "doc100k.json");
+BENCHMARK_CAPTURE(BM_JsonWriterWrite, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_JsonWriterWrite, doc100k, "doc100k.json");
+BENCHMARK_CAPTURE(BM_NlohmannJsonDump, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_NlohmannJsonDump, doc100k, "doc100k.json");
+BENCHMARK_CAPTURE(BM_RapidJsonWrite, envelope, "envelope.json");
+BENCHMARK_CAPTURE(BM_RapidJsonWrite, doc100k, "doc100k.json");
+
+BENCHMARK_MAIN();

@@ -1,0 +1,488 @@
+// Writes JSON documents as text.
+#ifndef DOVA_JSON_WRITER_H_
+#define DOVA_JSON_WRITER_H_
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <ios>
+#include <locale>
+#include <ostream>
+#include <string>
+
+#include "dova/json/elements.h"
+
+namespace dova {
+namespace json {
+
+// Writes a document to a stream in the compact layout (no whitespace at all) or the indented
+// one (a line per member or element, tab indentation). The compact text is a wire format: it
+// is byte-exact, with numbers as 20 significant digits and two- and three-byte UTF-8 sequences
+// as \u escapes.
+//
+// Writing leaves formatting state on the stream: precision 20 and the decimal base after a
+// number, the hexadecimal base and fill '0' after a \u escape. A Writer touches only its
+// stream, so threads may write separate documents at once.
+class Writer : private ConstVisitor {
+ public:
+  // Writes `element` (an Object, an Array or an UnknownElement), then flushes the stream.
+  template <typename ElementTypeT>
+  static void Write(const ElementTypeT& element, std::ostream& stream, bool indented = false);
+
+ private:
+  Writer(std::ostream& stream, bool indented) : stream_(stream), indented_(indented) {}
+
+  void Write_i(const Object& object);
+  void Write_i(const Array& array);
+  void Write_i(const String& string);
+  void Write_i(const UnknownElement& element);
+
+  void Visit(const Array& array) override { Write_i(array); }
+  void Visit(const Object& object) override { Write_i(object); }
+  void Visit(const Number& number) override;
+  void Visit(const String& string) override { Write_i(string); }
+  void Visit(const Boolean& boolean) override;
+  void Visit(const Null& null) override;
+
+  void writeString(const std::string& text);
+  void writeUnicodeEscape(unsigned code);
+  void writeNewline();
+  void writeTabs();
+
+  // Text collects in buffer_ and goes to the stream in blocks, which is much cheaper than
+  // one stream call per token.
+  void put(char character);
+  void append(const char* text, size_t length);
+  void drain();
+
+  // Whether the stream formats numbers as the C locale with default flags does, so that they
+  // can be formatted here without the stream and give the same text.
+  bool formatsNumbersPlainly();
+  bool formatsEscapesPlainly();
+  bool hasPlainLocale();
+
+  static constexpr size_t kBufferSize = 4096;
+
+  std::ostream& stream_;
+  const bool indented_;
+  int32_t tab_depth_ = 0;
+  enum class LocaleCheck { kUnchecked, kPlain, kLocalised } locale_check_ = LocaleCheck::kUnchecked;
+  size_t buffered_ = 0;
+  std::array<char, kBufferSize> buffer_;
+};
+
+template <typename ElementTypeT>
+void Writer::Write(const ElementTypeT& element, std::ostream& stream, bool indented) {
+  Writer writer(stream, indented);
+  writer.Write_i(element);
+  writer.drain();
+  stream.flush();
+}
+
+namespace writer_detail {
+
+__extension__ typedef unsigned __int128 Uint128;
+
+// Bytes that writeString cannot copy through unchanged: the escaped ones and the leads of two-
+// and three-byte UTF-8 sequences (0xC0 to 0xEF).
+constexpr std::array<bool, 256> specialBytes() {
+  std::array<bool, 256> special{};
+  for (const char escaped : {'"', '\\', '\b', '\f', '\n', '\r', '\t'}) {
+    special[static_cast<unsigned char>(escaped)] = true;
+  }
+  for (size_t lead = 0xC0; lead <= 0xEF; ++lead) special[lead] = true;
+  return special;
+}
+
+constexpr std::array<bool, 256> kSpecialBytes = specialBytes();
+
+constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+
+// Room formatNumber needs: the longest %.20g text of a double is 27 characters (sign, 20
+// digits, point, "e-308"), and copies overshoot it.
+constexpr size_t kMaxNumberLength = 48;
+
+constexpr std::array<Uint128, 33> powersOfFive() {
+  std::array<Uint128, 33> powers{};
+  Uint128 power = 1;
+  for (Uint128& entry : powers) {
+    entry = power;
+    power *= 5;
+  }
+  return powers;
+}
+
+// 5^0 to 5^32; times a 53-bit mantissa each stays below 2^128.
+constexpr std::array<Uint128, 33> kPowersOfFive = powersOfFive();
+constexpr uint64_t kTenToTheTen = 10000000000u;
+constexpr Uint128 kTenToTheNineteen = Uint128{10000000000000000000u};
+constexpr Uint128 kTenToTheTwenty = kTenToTheNineteen * 10;
+
+constexpr std::array<char, 200> digitPairs() {
+  std::array<char, 200> pairs{};
+  for (size_t pair = 0; pair < 100; ++pair) {
+    pairs[2 * pair] = static_cast<char>('0' + pair / 10);
+    pairs[2 * pair + 1] = static_cast<char>('0' + pair % 10);
+  }
+  return pairs;
+}
+
+// "00", "01", ..., "99".
+constexpr std::array<char, 200> kDigitPairs = digitPairs();
+
+inline void writeDigitPair(unsigned pair, char* digits) {
+  std::memcpy(digits, kDigitPairs.data() + 2 * pair, 2);
+}
+
+// Writes `value` (below 10^10) as ten digits, with leading zeros. The digit pairs are computed
+// side by side rather than in one chain of divisions.
+inline void writeTenDigits(uint64_t value, char* digits) {
+  const auto rest = static_cast<uint32_t>(value % 100000000);
+  const auto upper = rest / 10000;
+  const auto lower = rest % 10000;
+  writeDigitPair(static_cast<unsigned>(value / 100000000), digits);
+  writeDigitPair(upper / 100, digits + 2);
+  writeDigitPair(upper % 100, digits + 4);
+  writeDigitPair(lower / 100, digits + 6);
+  writeDigitPair(lower % 100, digits + 8);
+}
+
+// Formats `value` as printf's "%.20g" does: the first 20 significant digits of its exact
+// binary value, rounded half to even; fixed notation for decimal exponents from -4 to 19,
+// exponent notation otherwise; trailing zeros dropped. Magnitudes from 1e-13 to 1e20, nearly
+// every number a document holds, are done exactly in 128-bit integers; std::to_chars, which
+// is several times slower, gives the same text for the rest. Returns the end of the text.
+// REQUIRES: `out` has room for kMaxNumberLength characters.
+inline char* formatNumber(double value, char* out) {
+  uint64_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  const bool negative = (bits >> 63) != 0;
+  const double magnitude = std::fabs(value);
+  if (!(magnitude >= 1e-13 && magnitude < 1e20)) {
+    if (magnitude == 0) {
+      if (negative) *out++ = '-';
+      *out++ = '0';
+      return out;
+    }
+    return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20).ptr;
+  }
+
+  // Whole numbers below 2^53 are their own exact digits.
+  if (magnitude < 9007199254740992.0) {
+    const auto whole = static_cast<uint64_t>(magnitude);
+    if (static_cast<double>(whole) == magnitude) {
+      if (negative) *out++ = '-';
+      return std::to_chars(out, out + kMaxNumberLength, whole).ptr;
+    }
+  }
+
+  // value = mantissa * 2^exponent; the range above leaves only normal numbers.
+  const auto biased_exponent = static_cast<int>((bits >> 52) & 0x7FF);
+  const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | (uint64_t{1} << 52);
+  const int exponent = biased_exponent - 1075;
+  // floor(log10(magnitude)) is this estimate or one more: 78913 / 2^18 is log10(2) rounded.
+  int decimal_exponent = ((biased_exponent - 1023) * 78913) >> 18;
+
+  // digits + remainder / 2^shift = magnitude * 10^(19 - decimal_exponent), in [10^19, 10^20).
+  Uint128 digits;
+  Uint128 remainder = 0;
+  int shift = 0;
+  for (;;) {
+    const int scale = 19 - decimal_exponent;
+    if (scale > 32) {
+      return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20)
+          .ptr;
+    }
+    const Uint128 scaled = Uint128{mantissa} * kPowersOfFive[static_cast<size_t>(scale)];
+    const int twos = exponent + scale;
+    if (twos >= 0) {
+      digits = scaled << twos;
+    } else {
+      shift = -twos;
+      digits = scaled >> shift;
+      remainder = scaled & ((Uint128{1} << shift) - 1);
+    }
+    if (digits < kTenToTheTwenty) break;
+    ++decimal_exponent;
+    remainder = 0;
+    shift = 0;
+  }
+  if (shift > 0) {
+    const Uint128 half = Uint128{1} << (shift - 1);
+    if (remainder > half || (remainder == half && (digits & 1) != 0)) {
+      if (++digits == kTenToTheTwenty) {
+        digits = kTenToTheNineteen;
+        ++decimal_exponent;
+      }
+    }
+  }
+
+  // 10^10 = 2^10 * 5^10: dividing in two steps keeps the division in 64 bits.
+  char text[40] = {};
+  const auto high = static_cast<uint64_t>(digits >> 10) / (kTenToTheTen >> 10);
+  writeTenDigits(high, text);
+  writeTenDigits(static_cast<uint64_t>(digits - Uint128{high} * kTenToTheTen), text + 10);
+  int significant = 20;
+  while (text[significant - 1] == '0') --significant;
+
+  if (negative) *out++ = '-';
+  // Copies text[from, to); the copy is always 20 bytes long, which compiles to two moves.
+  const auto copy = [&out, &text](int from, int to) {
+    std::memcpy(out, text + from, 20);
+    out += to - from;
+  };
+  if (decimal_exponent < -4 || decimal_exponent >= 20) {
+    *out++ = text[0];
+    if (significant > 1) {
+      *out++ = '.';
+      copy(1, significant);
+    }
+    *out++ = 'e';
+    *out++ = decimal_exponent < 0 ? '-' : '+';
+    const int exponent_digits = decimal_exponent < 0 ? -decimal_exponent : decimal_exponent;
+    *out++ = static_cast<char>('0' + exponent_digits / 10);
+    *out++ = static_cast<char>('0' + exponent_digits % 10);
+  } else if (decimal_exponent >= 0) {
+    const int integer_digits = decimal_exponent + 1;
+    copy(0, integer_digits);
+    if (significant > integer_digits) {
+      *out++ = '.';
+      copy(integer_digits, significant);
+    }
+  } else {
+    *out++ = '0';
+    *out++ = '.';
+    for (int zero = -decimal_exponent - 1; zero > 0; --zero) *out++ = '0';
+    copy(0, significant);
+  }
+  return out;
+}
+
+}  // namespace writer_detail
+
+inline void Writer::Write_i(const Object& object) {
+  if (object.empty()) {
+    append("{}", 2);
+    return;
+  }
+  put('{');
+  if (indented_) writeNewline();
+  ++tab_depth_;
+  for (Object::const_iterator member = object.begin(); member != object.end();) {
+    if (indented_) writeTabs();
+    writeString(member->name);
+    if (indented_) {
+      append(" : ", 3);
+    } else {
+      put(':');
+    }
+    member->element.Accept(*this);
+    if (++member != object.end()) put(',');
+    if (indented_) writeNewline();
+  }
+  --tab_depth_;
+  if (indented_) writeTabs();
+  put('}');
+}
+
+inline void Writer::Write_i(const Array& array) {
+  if (array.empty()) {
+    append("[]", 2);
+    return;
+  }
+  put('[');
+  if (indented_) writeNewline();
+  ++tab_depth_;
+  for (Array::const_iterator element = array.begin(); element != array.end();) {
+    if (indented_) writeTabs();
+    element->Accept(*this);
+    if (++element != array.end()) put(',');
+    if (indented_) writeNewline();
+  }
+  --tab_depth_;
+  if (indented_) writeTabs();
+  put(']');
+}
+
+inline void Writer::Write_i(const String& string) { writeString(string.Value()); }
+
+inline void Writer::Write_i(const UnknownElement& element) { element.Accept(*this); }
+
+inline void Writer::Visit(const Number& number) {
+  stream_.precision(20);
+  stream_.setf(std::ios_base::dec, std::ios_base::basefield);
+  if (formatsNumbersPlainly()) {
+    // Infinities and NaN deliberately come out as "inf" and "nan", which is not JSON; the
+    // writer does not guard against them.
+    if (kBufferSize - buffered_ < writer_detail::kMaxNumberLength) drain();
+    char* const text = buffer_.data() + buffered_;
+    buffered_ += static_cast<size_t>(writer_detail::formatNumber(number.Value(), text) - text);
+  } else {
+    drain();
+    stream_ << number.Value();
+  }
+}
+
+inline void Writer::Visit(const Boolean& boolean) {
+  if (boolean.Value()) {
+    append("true", 4);
+  } else {
+    append("false", 5);
+  }
+}
+
+inline void Writer::Visit(const Null&) { append("null", 4); }
+
+inline void Writer::writeString(const std::string& text) {
+  using writer_detail::isContinuation;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const size_t length = text.size();
+  put('"');
+  size_t next = 0;
+  while (next < length) {
+    // Copy plain bytes straight into the buffer, as many as fit.
+    if (buffered_ == kBufferSize) drain();
+    const size_t limit = std::min(length, next + (kBufferSize - buffered_));
+    char* out = buffer_.data() + buffered_;
+    size_t scan = next;
+    while (scan < limit && !writer_detail::kSpecialBytes[bytes[scan]]) {
+      *out++ = static_cast<char>(bytes[scan++]);
+    }
+    buffered_ += scan - next;
+    next = scan;
+    if (next == limit) continue;  // the end of the text, or a full buffer
+
+    const unsigned char lead = bytes[next];
+    const size_t left = length - next;
+    // Only two- and three-byte sequences are converted. Four-byte sequences, stray
+    // continuation bytes, and truncated sequences stay raw, and overlong forms and surrogate
+    // code points are deliberately converted without complaint.
+    if ((lead & 0xE0) == 0xC0 && left >= 2 && isContinuation(bytes[next + 1])) {
+      writeUnicodeEscape(((lead & 0x1Fu) << 6) | (bytes[next + 1] & 0x3Fu));
+      next += 2;
+      continue;
+    }
+    if ((lead & 0xF0) == 0xE0 && left >= 3 && isContinuation(bytes[next + 1]) &&
+        isContinuation(bytes[next + 2])) {
+      writeUnicodeEscape(((lead & 0x0Fu) << 12) | ((bytes[next + 1] & 0x3Fu) << 6) |
+                         (bytes[next + 2] & 0x3Fu));
+      next += 3;
+      continue;
+    }
+    switch (lead) {
+      case '"':
+        append("\\\"", 2);
+        break;
+      case '\\':
+        append("\\\\", 2);
+        break;
+      case '\b':
+        append("\\b", 2);
+        break;
+      case '\f':
+        append("\\f", 2);
+        break;
+      case '\n':
+        append("\\n", 2);
+        break;
+      case '\r':
+        append("\\r", 2);
+        break;
+      case '\t':
+        append("\\t", 2);
+        break;
+      default:  // an unconverted lead byte
+        put(static_cast<char>(lead));
+        break;
+    }
+    ++next;
+  }
+  put('"');
+}
+
+inline void Writer::writeUnicodeEscape(unsigned code) {
+  stream_.setf(std::ios_base::hex, std::ios_base::basefield);
+  stream_.fill('0');
+  if (formatsEscapesPlainly()) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    const char escape[6] = {'\\', 'u', kDigits[(code >> 12) & 0xF], kDigits[(code >> 8) & 0xF],
+                            kDigits[(code >> 4) & 0xF], kDigits[code & 0xF]};
+    append(escape, sizeof escape);
+    // As after a formatted insertion: the width is used up, unless the stream refused output.
+    stream_.width(stream_.good() ? 0 : 4);
+  } else {
+    drain();
+    stream_.write("\\u", 2);
+    stream_.width(4);
+    stream_ << static_cast<int>(code);
+  }
+}
+
+// A line feed, then a flush, as std::endl does.
+inline void Writer::writeNewline() {
+  put(stream_.widen('\n'));
+  drain();
+  stream_.flush();
+}
+
+inline void Writer::writeTabs() {
+  for (int32_t tab = 0; tab < tab_depth_; ++tab) put('\t');
+}
+
+inline void Writer::put(char character) {
+  if (buffered_ == kBufferSize) drain();
+  buffer_[buffered_++] = character;
+}
+
+inline void Writer::append(const char* text, size_t length) {
+  if (length > kBufferSize - buffered_) {
+    drain();
+    if (length > kBufferSize) {
+      stream_.write(text, static_cast<std::streamsize>(length));
+      return;
+    }
+  }
+  std::char_traits<char>::copy(buffer_.data() + buffered_, text, length);
+  buffered_ += length;
+}
+
+inline void Writer::drain() {
+  if (buffered_ == 0) return;
+  stream_.write(buffer_.data(), static_cast<std::streamsize>(buffered_));
+  buffered_ = 0;
+}
+
+inline bool Writer::formatsNumbersPlainly() {
+  constexpr std::ios_base::fmtflags kFormatting = std::ios_base::floatfield |
+                                                  std::ios_base::showpos |
+                                                  std::ios_base::showpoint | std::ios_base::uppercase;
+  return (stream_.flags() & kFormatting) == 0 && stream_.width() == 0 && hasPlainLocale();
+}
+
+inline bool Writer::formatsEscapesPlainly() {
+  constexpr std::ios_base::fmtflags kFormatting =
+      std::ios_base::left | std::ios_base::showbase | std::ios_base::uppercase;
+  return (stream_.flags() & kFormatting) == 0 && hasPlainLocale();
+}
+
+inline bool Writer::hasPlainLocale() {
+  if (locale_check_ == LocaleCheck::kUnchecked) {
+    const std::locale locale = stream_.getloc();
+    bool plain = locale == std::locale::classic();
+    if (!plain) {
+      const auto& punctuation = std::use_facet<std::numpunct<char>>(locale);
+      plain = punctuation.decimal_point() == '.' && punctuation.grouping().empty();
+    }
+    locale_check_ = plain ? LocaleCheck::kPlain : LocaleCheck::kLocalised;
+  }
+  return locale_check_ == LocaleCheck::kPlain;
+}
+
+}  // namespace json
+}  // namespace dova
+
+#endif  // DOVA_JSON_WRITER_H_

@@ -1,0 +1,240 @@
+#include "korcommon/log.h"
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "dova/filesystem/filesystem.h"
+#include "dova/init.h"
+#include "dova/msgs/dova_msgs/Log.h"
+#include "dova/os/node_handle_base.h"
+#include "dova/time.h"
+
+namespace korcommon {
+
+std::atomic<int32_t> ROBOT_LOG_LEVEL{-1};
+std::atomic<int32_t> ROBOT_LOG_SIZE{-1};
+std::mutex mutex_;
+
+namespace {
+
+constexpr int32_t kDefaultLevel = 2;
+constexpr int32_t kDefaultSize = 256;
+// Buffers up to this size live on the caller's stack; larger ones on the heap.
+constexpr int32_t kLargestStackBuffer = 16 * 1024;
+
+constexpr char kColourReset[] = "\033[1;00m";
+
+// The environment variable as a 32-bit integer, strtol's way; nullopt-like
+// `present` false when it is not set.
+int32_t environmentInteger(const char* name, bool& present) {
+  const char* text = std::getenv(name);
+  present = text != nullptr;
+  return present ? static_cast<int32_t>(std::strtol(text, nullptr, 10)) : 0;
+}
+
+int32_t setUpLevel() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (ROBOT_LOG_LEVEL.load(std::memory_order_relaxed) < 0) {
+    bool present = false;
+    const int32_t configured = environmentInteger("DOVA_LOG_LEVEL", present);
+    ROBOT_LOG_LEVEL.store(present ? configured : kDefaultLevel, std::memory_order_relaxed);
+  }
+  return ROBOT_LOG_LEVEL.load(std::memory_order_relaxed);
+}
+
+int32_t setUpSize() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (ROBOT_LOG_SIZE.load(std::memory_order_relaxed) < 0) {
+    bool present = false;
+    const int32_t configured = environmentInteger("DOVA_LOG_SIZE", present);
+    ROBOT_LOG_SIZE.store(present && configured > 0 ? configured : kDefaultSize,
+                         std::memory_order_relaxed);
+  }
+  return ROBOT_LOG_SIZE.load(std::memory_order_relaxed);
+}
+
+// The lowest message level each configured level lets through.
+bool passesFilter(int32_t configured, int level) {
+  switch (configured) {
+    case 1:
+      return true;
+    case 2:
+      return level >= 2;
+    case 3:
+      return level >= 4;
+    case 4:
+      return level >= 8;
+    case 5:
+      return level >= 16;
+    default:
+      return false;
+  }
+}
+
+// Process and kernel thread ids, asked of the kernel once per thread (and
+// again in a child after fork, where both change).
+struct ThreadIds {
+  pid_t pid = 0;
+  pid_t tid = 0;
+  unsigned generation = 0;
+};
+
+std::atomic<unsigned> fork_generation{1};
+
+const ThreadIds& currentIds() {
+  static const bool registered = [] {
+    pthread_atfork(nullptr, nullptr, [] { fork_generation.fetch_add(1); });
+    return true;
+  }();
+  (void)registered;
+  thread_local ThreadIds ids;
+  const unsigned generation = fork_generation.load(std::memory_order_relaxed);
+  if (ids.generation != generation) {
+    ids.pid = getpid();
+    ids.tid = static_cast<pid_t>(syscall(SYS_gettid));
+    ids.generation = generation;
+  }
+  return ids;
+}
+
+std::string fileName(const char* file) {
+  return file == nullptr ? std::string() : dova::filesystem::path(file).filename().string();
+}
+
+void publish(int level, const char* file, int line, const char* function, const char* text) {
+  auto record = std::make_shared<dova::dova_msgs::Log>();
+  record->level = static_cast<int8_t>(level);
+  record->name = dova::getNodeName();
+  record->file = fileName(file);
+  record->line = static_cast<uint32_t>(line);
+  record->function = function;
+  record->msg = text;
+  record->header.stamp = dova::Time::now();
+  const ThreadIds& ids = currentIds();
+  record->pid = static_cast<uint64_t>(ids.pid);
+  record->tid = static_cast<uint64_t>(ids.tid);
+  dova::nh()->log(record);
+}
+
+bool screenEnabled() {
+  bool present = false;
+  return environmentInteger("DOVA_LOG_SCREEN", present) == 1 && present;
+}
+
+void printScreenLine(int level, const char* file, int line, const char* text) {
+  const char* letter = "D";
+  const char* colour = kColourReset;
+  switch (level) {
+    case 2:
+      letter = "I";
+      break;
+    case 4:
+      letter = "W";
+      colour = "\033[1;33m";
+      break;
+    case 8:
+      letter = "E";
+      colour = "\033[1;31m";
+      break;
+    case 16:
+      letter = "F";
+      colour = "\033[1;31m";
+      break;
+    default:
+      break;  // DEBUG and unknown levels alike
+  }
+
+  const dova::Time wall = dova::Time::WallTime();
+  const time_t seconds = static_cast<time_t>(wall.sec);
+  tm local{};
+  localtime_r(&seconds, &local);
+  char date[64];
+  strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
+  char milliseconds[10];
+  snprintf(milliseconds, sizeof milliseconds, "%03d", static_cast<int>(wall.nsec / 1000000));
+
+  const dova::Time clock = dova::Time::now();
+  const ThreadIds& ids = currentIds();
+  std::string screen_line;
+  screen_line.reserve(160);
+  screen_line += date;
+  screen_line += '.';
+  screen_line += milliseconds;
+  screen_line += ' ';
+  screen_line += letter;
+  screen_line += '/';
+  screen_line += dova::getNodeName();
+  screen_line += '(';
+  screen_line += std::to_string(ids.pid);
+  screen_line += '/';
+  screen_line += std::to_string(static_cast<int32_t>(ids.tid));
+  screen_line += "): ";
+  screen_line += colour;
+  screen_line += fileName(file);
+  screen_line += '(';
+  screen_line += std::to_string(line);
+  screen_line += ") clk(";
+  screen_line += std::to_string(clock.sec);
+  screen_line += '.';
+  screen_line += std::to_string(clock.nsec);
+  screen_line += ") ";
+  screen_line += text;
+  screen_line += kColourReset;
+  screen_line += '\n';
+  std::fwrite(screen_line.data(), 1, screen_line.size(), stdout);
+  std::fflush(stdout);
+}
+
+// Everything after the filter, apart so that a filtered call never sets up
+// the large stack frame of the buffer.
+[[gnu::noinline]] __attribute__((format(printf, 6, 0))) void logPassing(
+    int level, const char* file, int line, const char* function, int32_t size, const char* format,
+    va_list arguments) {
+  char stack_buffer[kLargestStackBuffer];
+  std::unique_ptr<char[]> heap_buffer;
+  char* buffer = stack_buffer;
+  if (size > kLargestStackBuffer) {
+    heap_buffer.reset(new char[static_cast<size_t>(size)]);
+    buffer = heap_buffer.get();
+  }
+  std::vsnprintf(buffer, static_cast<size_t>(size), format, arguments);
+
+  if (dova::nh()->ok()) publish(level, file, line, function, buffer);
+  if (screenEnabled()) printScreenLine(level, file, line, buffer);
+}
+
+}  // namespace
+
+void mtrace(int level, const char* file, int line, const char* function, const char* format, ...) {
+  int32_t configured = ROBOT_LOG_LEVEL.load(std::memory_order_relaxed);
+  if (configured < 0) configured = setUpLevel();
+  int32_t size = ROBOT_LOG_SIZE.load(std::memory_order_relaxed);
+  if (size < 0) size = setUpSize();
+  if (!passesFilter(configured, level)) return;
+
+  va_list arguments;
+  va_start(arguments, format);
+  logPassing(level, file, line, function, size, format, arguments);
+  va_end(arguments);
+}
+
+void set_log_level(int level) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ROBOT_LOG_LEVEL.store(level, std::memory_order_relaxed);
+}
+
+void set_log_size(int size) {
+  if (size < 1) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  ROBOT_LOG_SIZE.store(size, std::memory_order_relaxed);
+}
+
+}  // namespace korcommon

@@ -1,0 +1,37 @@
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "exit_status.h"
+#include "imptdata_command.h"
+#include "sig_command.h"
+
+int main(int argc, char** argv) {
+  CLI::App app("Tools for the korcommon services of a legged robot.", "korcommon");
+  app.set_version_flag("--version", std::string("korcommon ") + KORCOMMON_VERSION,
+                       "Print the version and exit");
+  app.require_subcommand(1);
+  app.footer(
+      "Exit status: 0 done; 1 a negative answer (e.g. an invalid envelope); 2 bad usage or\n"
+      "input that cannot be read. Errors are one line on standard error.");
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "korcommon: " + std::string(error.what()) + " (see --help)\n";
+  });
+  korcommon::cli::addSigCommand(app);
+  korcommon::cli::addImptdataCommand(app);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    // Commands end through CLI::RuntimeError with their own status; every other parse error
+    // is bad usage, which shares status 2 with unreadable input.
+    if (status == korcommon::cli::kSuccess || error.get_name() == "RuntimeError") return status;
+    return korcommon::cli::kTrouble;
+  } catch (const std::exception& error) {
+    std::cerr << "korcommon: " << error.what() << '\n';
+    return korcommon::cli::kTrouble;
+  }
+  return korcommon::cli::kSuccess;
+}
