@@ -14,20 +14,6 @@
 #include "platform_node_handle.h"
 
 namespace dova {
-namespace platform {
-
-PlatformNodeHandle::PlatformNodeHandle(std::string node_name, const Options& options)
-    : node_name_(std::move(node_name)), options_(options) {
-  inited = 1;
-  mode = static_cast<uint32_t>(options.mode);
-}
-
-void PlatformNodeHandle::stop() {
-  running_.store(false, std::memory_order_release);
-  inited = 0;
-}
-
-}  // namespace platform
 
 namespace {
 
@@ -138,6 +124,12 @@ void shutdown() {
   state.handle->stop();
   state.retired.push_back(std::move(state.handle));
 }
+
+namespace platform {
+
+PlatformNodeHandle* runningHandle() { return runtime().running.load(std::memory_order_acquire); }
+
+}  // namespace platform
 
 std::string getNodeName() {
   // Lock-free: the trace logger asks on every call that passes its filter.

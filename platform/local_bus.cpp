@@ -1,0 +1,237 @@
+#include "local_bus.h"
+
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <set>
+#include <utility>
+
+#include "dova/msgs/frame_check.h"
+#include "dova/trace.h"
+
+namespace dova::platform {
+
+// One registered subscriber and how its deliveries reach it.
+struct Subscription {
+  SubscriberBase* subscriber = nullptr;  // owned by the user, who keeps it alive
+  std::string topic;
+  std::string type;                  // the subscriber's message type
+  std::shared_ptr<ThreadPool> pool;  // null: deliver on the publishing or receiving thread
+  int queue_size = -1;               // -1: unbounded
+
+  std::mutex mutex;            // guards the fields below
+  std::deque<Delivery> queue;  // deliveries waiting for the pool
+  std::string expected_md5;    // set by negotiation (mode 2): other checksums are refused
+  std::set<std::string> refused_publishers;  // warned about once each
+};
+
+namespace {
+
+// Whether `subscription` accepts `delivery`; a refused publisher is reported once.
+bool accepts(Subscription& subscription, const Delivery& delivery) {
+  std::lock_guard<std::mutex> lock(subscription.mutex);
+  if (subscription.expected_md5.empty() || subscription.expected_md5 == delivery.md5) return true;
+  if (subscription.refused_publishers.insert(delivery.publisher).second) {
+    mtrace(WARN, __FILE__, __LINE__, "negotiateTopics", false,
+           "topic %s: publisher \"%s\" sends checksum %s, subscriber expects %s; its messages "
+           "are dropped",
+           subscription.topic.c_str(), delivery.publisher.c_str(), delivery.md5.c_str(),
+           subscription.expected_md5.c_str());
+  }
+  return false;
+}
+
+// Hands one delivery to the subscriber. Frames are checked against the
+// subscriber's type before it decodes them; a subscriber that throws is
+// reported and does not stop the deliveries to others.
+void invoke(Subscription& subscription, const Delivery& delivery) {
+  SubscriberBase& subscriber = *subscription.subscriber;
+  try {
+    if (delivery.message && delivery.type == subscription.type) {
+      subscriber.intraProcess(delivery.message);
+      return;
+    }
+    if (!delivery.frame) return;
+    const std::vector<uint8_t>& frame = *delivery.frame;
+    if (!msgs::isWellFormedFrame(subscription.type, frame.data(), frame.size())) {
+      mtrace(WARN, __FILE__, __LINE__, "deliver", false,
+             "topic %s: dropped a frame of %zu bytes from \"%s\" that is not one well-formed %s",
+             subscription.topic.c_str(), frame.size(), delivery.publisher.c_str(),
+             subscription.type.c_str());
+      return;
+    }
+    // The subscriber decodes in place but does not write; the copy keeps the
+    // shared frame constant for the other subscribers.
+    std::vector<uint8_t> own(frame);
+    subscriber.callback(own.data(), static_cast<int>(own.size()));
+  } catch (const std::exception& error) {
+    mtrace(ERROR, __FILE__, __LINE__, "deliver", false, "topic %s: subscriber threw: %s",
+           subscription.topic.c_str(), error.what());
+  } catch (...) {
+    mtrace(ERROR, __FILE__, __LINE__, "deliver", false,
+           "topic %s: subscriber threw a non-standard exception", subscription.topic.c_str());
+  }
+}
+
+void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& delivery,
+             const std::shared_ptr<std::atomic<bool>>& stopped) {
+  if (stopped->load(std::memory_order_acquire) || !accepts(*subscription, delivery)) return;
+  if (!subscription->pool) {
+    invoke(*subscription, delivery);
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(subscription->mutex);
+    if (subscription->queue_size > 0 &&
+        subscription->queue.size() >= static_cast<size_t>(subscription->queue_size)) {
+      subscription->queue.pop_front();  // a bounded queue drops its oldest delivery
+    }
+    subscription->queue.push_back(delivery);
+  }
+  // One task per delivery; a task that finds the queue emptied by a drop does nothing.
+  subscription->pool->post([subscription, stopped] {
+    Delivery next;
+    {
+      std::lock_guard<std::mutex> lock(subscription->mutex);
+      if (subscription->queue.empty()) return;
+      next = std::move(subscription->queue.front());
+      subscription->queue.pop_front();
+    }
+    if (!stopped->load(std::memory_order_acquire)) invoke(*subscription, next);
+  });
+}
+
+}  // namespace
+
+LocalBus::LocalBus(std::string node_name, bool intra_process, NodeHandleBase& handle)
+    : node_name_(std::move(node_name)),
+      intra_process_(intra_process),
+      handle_(handle),
+      stopped_(std::make_shared<std::atomic<bool>>(false)) {}
+
+LocalBus::~LocalBus() { stop(); }
+
+void LocalBus::attachTransport(std::unique_ptr<Transport> transport) {
+  transport_ = std::move(transport);
+}
+
+RemoteFrameHandler LocalBus::remoteFrameHandler() {
+  return [this](const std::string& topic, const std::string& md5, const uint8_t* frame,
+                size_t size) { receiveRemote(topic, md5, frame, size); };
+}
+
+bool LocalBus::addSubscription(SubscriberBase* subscriber) {
+  auto subscription = std::make_shared<Subscription>();
+  subscription->subscriber = subscriber;
+  subscription->topic = subscriber->getTopic();
+  subscription->type = subscriber->getMsgType();
+  subscription->queue_size = subscriber->getQueueSize();
+  if (handle_.mode != 0) {
+    std::lock_guard<std::mutex> lock(handle_.subscribers_mutex);
+    const auto pool = handle_.pools.find(subscriber->topic_id);
+    if (pool != handle_.pools.end() && handle_.subscribers[subscriber->topic_id] == subscriber) {
+      subscription->pool = pool->second;
+    }
+  }
+
+  std::vector<Delivery> replay;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_->load()) return false;
+    auto& list = subscriptions_[subscription->topic];
+    auto grown = std::make_shared<SubscriptionList>(list ? *list : SubscriptionList());
+    grown->push_back(subscription);
+    list = std::move(grown);
+    if (subscriber->getLatch()) {
+      for (const auto& entry : latched_[subscription->topic]) replay.push_back(entry.second);
+    }
+    if (subscription->pool) {
+      // Queued while the lock keeps publishers out, so no newer publication
+      // can overtake the state it replays.
+      for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
+      replay.clear();
+    }
+    if (transport_ && !listening_[subscription->topic]) {
+      listening_[subscription->topic] = true;
+      transport_->listen(subscription->topic);
+    }
+  }
+  // Direct deliveries run user code, which must not run under the lock.
+  for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
+  return true;
+}
+
+void LocalBus::negotiate(SubscriberBase* subscriber) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto list = subscriptions_.find(subscriber->getTopic());
+  if (list == subscriptions_.end() || !list->second) return;
+  for (const auto& subscription : *list->second) {
+    if (subscription->subscriber != subscriber) continue;
+    std::lock_guard<std::mutex> subscription_lock(subscription->mutex);
+    subscription->expected_md5 = subscriber->getMsgMD5();
+  }
+}
+
+std::shared_ptr<const std::vector<uint8_t>> LocalBus::makeFrame(const Msg& message) const {
+  const int length = message.serializedLength();
+  auto frame =
+      std::make_shared<std::vector<uint8_t>>(msgs::kFramePrefixSize + static_cast<size_t>(length));
+  std::memcpy(frame->data(), node_name_.data(),
+              std::min(node_name_.size(), msgs::kFramePrefixSize));
+  message.serialize(frame->data() + msgs::kFramePrefixSize, length);
+  return frame;
+}
+
+void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> message,
+                       const std::string& latch_key) {
+  if (stopped_->load(std::memory_order_acquire)) return;
+  Delivery delivery;
+  delivery.type = message->getType();
+  delivery.md5 = message->getMD5();
+  delivery.publisher = node_name_;
+  // The frame path runs when intra-process delivery is off, or for other processes.
+  if (!intra_process_ || transport_) delivery.frame = makeFrame(*message);
+  if (intra_process_) delivery.message = std::move(message);
+
+  std::shared_ptr<const SubscriptionList> subscribers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    latched_[topic][latch_key] = delivery;
+    const auto list = subscriptions_.find(topic);
+    if (list != subscriptions_.end()) subscribers = list->second;
+  }
+  if (subscribers) {
+    for (const auto& subscription : *subscribers) deliver(subscription, delivery, stopped_);
+  }
+  if (transport_) {
+    transport_->send(topic, delivery.md5, latch_key, delivery.frame->data(),
+                     delivery.frame->size());
+  }
+}
+
+void LocalBus::receiveRemote(const std::string& topic, const std::string& md5, const uint8_t* frame,
+                             size_t size) {
+  Delivery delivery;
+  delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
+  delivery.md5 = md5;
+  delivery.publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
+  std::shared_ptr<const SubscriptionList> subscribers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto list = subscriptions_.find(topic);
+    if (list != subscriptions_.end()) subscribers = list->second;
+  }
+  if (subscribers) {
+    for (const auto& subscription : *subscribers) deliver(subscription, delivery, stopped_);
+  }
+}
+
+void LocalBus::stop() {
+  stopped_->store(true, std::memory_order_release);
+  if (transport_) transport_->stop();
+  std::lock_guard<std::mutex> lock(mutex_);
+  subscriptions_.clear();
+  latched_.clear();
+}
+
+}  // namespace dova::platform

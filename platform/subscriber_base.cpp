@@ -1,0 +1,35 @@
+#include <mutex>
+
+#include "dova/os/node_handle_base.h"
+#include "platform_node_handle.h"
+
+namespace dova {
+
+SubscriberBase::SubscriberBase() = default;
+
+SubscriberBase::~SubscriberBase() = default;
+
+void SubscriberBase::setEnabled(bool value) { enabled = value; }
+
+void SubscriberBase::setTopic(const std::string& topic_name) {
+  std::lock_guard<std::mutex> lock(topic_mutex_);
+  topic_ = topic_name;
+}
+
+std::string SubscriberBase::getTopic() const {
+  std::lock_guard<std::mutex> lock(topic_mutex_);
+  return topic_;
+}
+
+bool SubscriberBase::subscribe(NodeHandleBase* handle, bool latch_state, bool reliable_delivery,
+                               int queue_length) {
+  latch = latch_state;
+  reliable = reliable_delivery;
+  queue_size = queue_length;
+  platform::PlatformNodeHandle* platform = platform::runningHandle();
+  // Another handle (a stand-in installed by a test) delivers by itself.
+  if (platform == nullptr || handle != platform) return true;
+  return platform->bus().addSubscription(this);
+}
+
+}  // namespace dova

@@ -1,0 +1,41 @@
+#ifndef DOVA_PLATFORM_TRANSPORT_H_
+#define DOVA_PLATFORM_TRANSPORT_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace dova::platform {
+
+// A frame that arrived from another process: the topic, the publisher's
+// message checksum and the frame bytes (32-byte prefix, then the message).
+// The bytes are only valid during the call.
+using RemoteFrameHandler = std::function<void(const std::string& topic, const std::string& md5,
+                                              const uint8_t* frame, size_t size)>;
+
+// The link between this process and the others. Same-process deliveries
+// never pass through it; a transport only carries frames out and brings
+// frames in. Implementations are thread-safe.
+class Transport {
+ public:
+  virtual ~Transport() = default;
+
+  // Sends one frame on `topic`. For a latched topic `key` names the state the
+  // frame replaces (the report's name for diagnostics), so a process that
+  // joins later receives the latest frame of every key.
+  virtual void send(const std::string& topic, const std::string& md5, const std::string& key,
+                    const uint8_t* frame, size_t size) = 0;
+
+  // Starts receiving `topic`; frames arrive through the handler given at
+  // creation, on a thread of the transport.
+  virtual void listen(const std::string& topic) = 0;
+
+  // Stops sending and receiving; no handler call starts after it returns.
+  virtual void stop() = 0;
+};
+
+}  // namespace dova::platform
+
+#endif  // DOVA_PLATFORM_TRANSPORT_H_

@@ -1,0 +1,101 @@
+#include "korcommon/Diagnostics.h"
+
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "dova/os/node_handle_base.h"
+#include "dova/time.h"
+#include "korcommon/log.h"
+
+namespace korcommon {
+namespace {
+
+using dova::diagnostic_msgs::DiagnosticValue;
+using DiagnosticValuePtr = std::shared_ptr<const DiagnosticValue>;
+
+constexpr char kTopic[] = "/diagnostics_value";
+constexpr double kCollectionSeconds = 3.0;
+
+// The state one subscription shares between its delivery function and its
+// hand-over thread.
+struct MsgMapInfo {
+  std::mutex mutex;  // guards the fields below and serialises the user's function
+  std::map<std::string, DiagnosticValuePtr> msgs;  // collected, latest per name
+  bool thread_started = false;                     // never reset
+};
+
+double monotonicSeconds() {
+  const dova::Time now = dova::Time::monotonic();
+  return static_cast<double>(now.sec) + static_cast<double>(now.nsec) * 1e-9;
+}
+
+void handOver(const Diagnostics::Callback& callback, const std::shared_ptr<MsgMapInfo>& info) {
+  dova::Duration(3, 0).wallSleep();
+  std::lock_guard<std::mutex> lock(info->mutex);
+  for (const auto& entry : info->msgs) callback(entry.second);
+  info->msgs.clear();
+}
+
+}  // namespace
+
+void Diagnostics::publish(const std::string& name, int code, int level,
+                          const std::string& message) {
+  publish(name, std::string(), code, level, message);
+}
+
+void Diagnostics::publish(const std::string& name, const std::string& frame_id, int code, int level,
+                          const std::string& message) {
+  if (!dova::nh()->ok()) {
+    mtrace(8, __FILE__, __LINE__, "publish", "Please init dova!");
+    return;
+  }
+  DiagnosticValue value;
+  value.header.stamp = dova::Time::now();
+  value.header.frame_id = frame_id;
+  value.name = name;
+  value.level = level;
+  value.code = code;
+  value.message = message;
+  dova::nh()->diag(value);
+}
+
+void Diagnostics::subscribe(Callback callback) {
+  if (!dova::nh()->ok()) {
+    mtrace(8, __FILE__, __LINE__, "subscribe", "Please init dova!");
+    return;
+  }
+  auto info = std::make_shared<MsgMapInfo>();
+  const double start = monotonicSeconds();
+
+  auto deliver = [start, callback, info](const DiagnosticValuePtr& value) {
+    std::lock_guard<std::mutex> lock(info->mutex);
+    if (monotonicSeconds() - start < kCollectionSeconds) {
+      info->msgs[value->name] = value;
+      if (!info->thread_started) {
+        std::thread(handOver, callback, info).detach();
+        info->thread_started = true;
+      }
+      return;
+    }
+    if (!info->msgs.empty()) {  // the hand-over is still due: join the batch
+      info->msgs[value->name] = value;
+      return;
+    }
+    callback(value);
+  };
+
+  // Never destroyed, on purpose: the subscription lasts for the rest of the
+  // process and the middleware may deliver to it at any time.
+  auto* subscriber = new dova::Subscriber<DiagnosticValue>();
+  subscriber->callback_ptr = std::move(deliver);
+  subscriber->callback_kind = 2;
+  subscriber->msg_type = "diagnostic_msgs/DiagnosticValue";
+  subscriber->msg_md5 = "879d5c821998ca0ab6e3520e8c63e5fc";
+  subscriber->msg_def = subscriber->msg.getDefinition();
+  subscriber->setTopic(kTopic);
+  dova::nh()->subscribe(*subscriber, true, true, -1);  // result deliberately ignored
+}
+
+}  // namespace korcommon
