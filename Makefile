@@ -1,10 +1,10 @@
 # Two commands do everything on a fresh Debian 12 machine:
-#   make demo   builds the tools and runs the demonstration
+#   make demo   runs a simulated robot reporting its health for ten seconds
 #   make test   builds everything and runs every test
 PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 
-.PHONY: all deps configure build test demo bench install format test-asan test-tsan clean
+.PHONY: all deps configure build test demo tour bench install format test-asan test-tsan clean
 
 all: build
 
@@ -21,6 +21,11 @@ test: build
 	ctest --preset $(PRESET)
 
 demo: deps
+	cmake --preset dev
+	cmake --build --preset dev --target simulated_robot
+	build/dev/examples/simulated_robot
+
+tour: deps
 	cmake --preset dev
 	cmake --build --preset dev --target korcommon_cli
 	scripts/demo build/dev/tools/korcommon
