@@ -3,11 +3,12 @@
 function(korcommon_target_defaults target)
   target_compile_features(${target} PRIVATE cxx_std_17)
   if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    # C++ only: the C sources of a target are generated (the DDS sample type).
     target_compile_options(${target} PRIVATE
-      -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
-      -Wnon-virtual-dtor -Woverloaded-virtual)
+      $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+        -Wnon-virtual-dtor -Woverloaded-virtual>)
     if(KORCOMMON_WARNINGS_AS_ERRORS)
-      target_compile_options(${target} PRIVATE -Werror)
+      target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Werror>)
     endif()
   endif()
   if(KORCOMMON_SANITIZERS)

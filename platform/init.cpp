@@ -10,6 +10,7 @@
 #include <optional>
 #include <vector>
 
+#include "dds_transport.h"
 #include "dova/trace.h"
 #include "platform_node_handle.h"
 
@@ -56,8 +57,8 @@ std::string resolveOptions(Options& options) {
     const char* transport = std::getenv("DOVA_TRANSPORT");
     options.transport = (transport != nullptr && *transport != '\0') ? transport : "local";
   }
-  if (options.transport != "local") {
-    return "unknown transport \"" + options.transport + "\" (known: local)";
+  if (options.transport != "local" && options.transport != "dds") {
+    return "unknown transport \"" + options.transport + "\" (known: local, dds)";
   }
   if (options.mode == -1) {
     const char* text = std::getenv("DOVA_MODE");
@@ -111,7 +112,19 @@ bool init(const std::string& node_name, const Options& options) {
     mtrace(ERROR, __FILE__, __LINE__, "init", false, "%s", problem.c_str());
     return false;
   }
-  state.handle = std::make_unique<platform::PlatformNodeHandle>(node_name, resolved);
+  auto handle = std::make_unique<platform::PlatformNodeHandle>(node_name, resolved);
+  if (resolved.transport == "dds") {
+    std::string error;
+    std::unique_ptr<platform::Transport> transport =
+        platform::createDdsTransport(resolved.domain_id, node_name, error);
+    if (!transport) {
+      mtrace(ERROR, __FILE__, __LINE__, "init", false, "%s", error.c_str());
+      handle->stop();
+      return false;
+    }
+    handle->bus().attachTransport(std::move(transport));
+  }
+  state.handle = std::move(handle);
   state.running.store(state.handle.get(), std::memory_order_release);
   return true;
 }

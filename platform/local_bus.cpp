@@ -115,11 +115,6 @@ void LocalBus::attachTransport(std::unique_ptr<Transport> transport) {
   transport_ = std::move(transport);
 }
 
-RemoteFrameHandler LocalBus::remoteFrameHandler() {
-  return [this](const std::string& topic, const std::string& md5, const uint8_t* frame,
-                size_t size) { receiveRemote(topic, md5, frame, size); };
-}
-
 bool LocalBus::addSubscription(SubscriberBase* subscriber) {
   auto subscription = std::make_shared<Subscription>();
   subscription->subscriber = subscriber;
@@ -151,10 +146,21 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
       for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
       replay.clear();
     }
-    if (transport_ && !listening_[subscription->topic]) {
-      listening_[subscription->topic] = true;
-      transport_->listen(subscription->topic);
-    }
+  }
+  if (transport_) {
+    // Each subscription has its own remote reader, so a latched one receives
+    // the state of every other process when it joins.
+    const std::shared_ptr<std::atomic<bool>> stopped = stopped_;
+    const bool listening = transport_->listen(
+        subscription->topic, subscriber->getLatch(), subscriber->getReliable(),
+        [subscription, stopped](const std::string& md5, const uint8_t* frame, size_t size) {
+          Delivery delivery;
+          delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
+          delivery.md5 = md5;
+          delivery.publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
+          deliver(subscription, delivery, stopped);
+        });
+    if (!listening) return false;
   }
   // Direct deliveries run user code, which must not run under the lock.
   for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
@@ -206,23 +212,6 @@ void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> mess
   if (transport_) {
     transport_->send(topic, delivery.md5, latch_key, delivery.frame->data(),
                      delivery.frame->size());
-  }
-}
-
-void LocalBus::receiveRemote(const std::string& topic, const std::string& md5, const uint8_t* frame,
-                             size_t size) {
-  Delivery delivery;
-  delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
-  delivery.md5 = md5;
-  delivery.publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
-  std::shared_ptr<const SubscriptionList> subscribers;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto list = subscriptions_.find(topic);
-    if (list != subscriptions_.end()) subscribers = list->second;
-  }
-  if (subscribers) {
-    for (const auto& subscription : *subscribers) deliver(subscription, delivery, stopped_);
   }
 }
 

@@ -43,9 +43,6 @@ class LocalBus {
   // Connects the bus to other processes; call before any subscription.
   void attachTransport(std::unique_ptr<Transport> transport);
 
-  // The handler a transport calls with frames from other processes.
-  RemoteFrameHandler remoteFrameHandler();
-
   // Registers a subscriber whose flags are set; replays the latched state of
   // its topic when it asked for it.
   bool addSubscription(SubscriberBase* subscriber);
@@ -64,9 +61,6 @@ class LocalBus {
  private:
   using SubscriptionList = std::vector<std::shared_ptr<Subscription>>;
 
-  void receiveRemote(const std::string& topic, const std::string& md5, const uint8_t* frame,
-                     size_t size);
-  void deliverToAll(const std::string& topic, const Delivery& delivery);
   std::shared_ptr<const std::vector<uint8_t>> makeFrame(const Msg& message) const;
 
   const std::string node_name_;
@@ -80,7 +74,6 @@ class LocalBus {
   std::map<std::string, std::shared_ptr<const SubscriptionList>> subscriptions_;
   // Latest publication per topic and key, replayed to latched subscribers.
   std::map<std::string, std::map<std::string, Delivery>> latched_;
-  std::map<std::string, bool> listening_;  // topics the transport was asked to listen to
 };
 
 }  // namespace dova::platform

@@ -9,11 +9,11 @@
 
 namespace dova::platform {
 
-// A frame that arrived from another process: the topic, the publisher's
-// message checksum and the frame bytes (32-byte prefix, then the message).
-// The bytes are only valid during the call.
-using RemoteFrameHandler = std::function<void(const std::string& topic, const std::string& md5,
-                                              const uint8_t* frame, size_t size)>;
+// A frame that arrived from another process: the publisher's message
+// checksum and the frame bytes (32-byte prefix, then the message). The bytes
+// are only valid during the call and have not been checked yet.
+using RemoteFrameHandler =
+    std::function<void(const std::string& md5, const uint8_t* frame, size_t size)>;
 
 // The link between this process and the others. Same-process deliveries
 // never pass through it; a transport only carries frames out and brings
@@ -28,9 +28,12 @@ class Transport {
   virtual void send(const std::string& topic, const std::string& md5, const std::string& key,
                     const uint8_t* frame, size_t size) = 0;
 
-  // Starts receiving `topic`; frames arrive through the handler given at
-  // creation, on a thread of the transport.
-  virtual void listen(const std::string& topic) = 0;
+  // Delivers the frames other processes publish on `topic` to `handler`, on
+  // a thread of the transport, until stop(). With `latched` the latest frame
+  // of every key of every live publisher comes first. False when the
+  // transport cannot listen.
+  virtual bool listen(const std::string& topic, bool latched, bool reliable,
+                      RemoteFrameHandler handler) = 0;
 
   // Stops sending and receiving; no handler call starts after it returns.
   virtual void stop() = 0;

@@ -1,0 +1,210 @@
+#include "dds_transport.h"
+
+#include <dds/dds.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "dova/guid.h"
+#include "dova/trace.h"
+#include "frame.h"
+
+namespace dova::platform {
+namespace {
+
+// Loopback only, with unicast discovery among the processes of this machine:
+// the loopback interface carries no multicast.
+constexpr char kLoopbackConfiguration[] =
+    "<CycloneDDS><Domain id=\"any\">"
+    "<General><Interfaces><NetworkInterface name=\"lo\"/></Interfaces>"
+    "<AllowMulticast>false</AllowMulticast></General>"
+    "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
+    "<MaxAutoParticipantIndex>60</MaxAutoParticipantIndex>"
+    "<Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
+    "</Domain></CycloneDDS>";
+
+constexpr int kTakeBatch = 32;
+
+// "/diagnostics_value" is carried on the DDS topic "dova/diagnostics_value".
+std::string ddsTopicName(const std::string& topic) {
+  return topic.rfind('/', 0) == 0 ? "dova" + topic : "dova/" + topic;
+}
+
+struct Reader {
+  RemoteFrameHandler handler;
+};
+
+void onDataAvailable(dds_entity_t reader, void* argument) {
+  const Reader& context = *static_cast<const Reader*>(argument);
+  void* samples[kTakeBatch] = {};
+  dds_sample_info_t infos[kTakeBatch];
+  for (;;) {
+    samples[0] = nullptr;  // borrow the samples from Cyclone
+    const dds_return_t taken = dds_take(reader, samples, infos, kTakeBatch, kTakeBatch);
+    if (taken <= 0) return;
+    for (int i = 0; i < taken; ++i) {
+      if (!infos[i].valid_data) continue;
+      const auto* frame = static_cast<const dova_wire_Frame*>(samples[i]);
+      context.handler(frame->md5 == nullptr ? std::string() : std::string(frame->md5),
+                      frame->data._buffer, frame->data._length);
+    }
+    dds_return_loan(reader, samples, taken);
+  }
+}
+
+class DdsTransport : public Transport {
+ public:
+  DdsTransport(dds_entity_t domain, dds_entity_t participant, std::string publisher)
+      : domain_(domain), participant_(participant), publisher_(std::move(publisher)) {}
+
+  ~DdsTransport() override { stop(); }
+
+  void send(const std::string& topic, const std::string& md5, const std::string& key,
+            const uint8_t* frame, size_t size) override {
+    const dds_entity_t writer = writerFor(topic);
+    if (writer <= 0) return;
+    dova_wire_Frame sample{};
+    sample.publisher = const_cast<char*>(publisher_.c_str());
+    sample.key = const_cast<char*>(key.c_str());
+    sample.md5 = const_cast<char*>(md5.c_str());
+    sample.data._buffer = const_cast<uint8_t*>(frame);
+    sample.data._length = static_cast<uint32_t>(size);
+    sample.data._maximum = static_cast<uint32_t>(size);
+    sample.data._release = false;
+    const dds_return_t result = dds_write(writer, &sample);
+    if (result != DDS_RETCODE_OK) {
+      mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
+             topic.c_str(), dds_strretcode(result));
+    }
+  }
+
+  bool listen(const std::string& topic, bool latched, bool reliable,
+              RemoteFrameHandler handler) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return false;
+    const dds_entity_t dds_topic = topicFor(topic);
+    if (dds_topic <= 0) return false;
+
+    dds_qos_t* qos = dds_create_qos();
+    dds_qset_reliability(qos, reliable ? DDS_RELIABILITY_RELIABLE : DDS_RELIABILITY_BEST_EFFORT,
+                         DDS_SECS(1));
+    dds_qset_durability(qos, latched ? DDS_DURABILITY_TRANSIENT_LOCAL : DDS_DURABILITY_VOLATILE);
+    dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+    // Same-process deliveries never go through the network.
+    dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
+
+    auto context = std::make_unique<Reader>();
+    context->handler = std::move(handler);
+    dds_listener_t* listener = dds_create_listener(context.get());
+    dds_lset_data_available(listener, onDataAvailable);
+    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, listener);
+    dds_delete_listener(listener);
+    dds_delete_qos(qos);
+    if (reader < 0) {
+      mtrace(ERROR, __FILE__, __LINE__, "listen", false, "topic %s: cannot create a reader: %s",
+             topic.c_str(), dds_strretcode(reader));
+      return false;
+    }
+    readers_.push_back(std::move(context));
+    return true;
+  }
+
+  void stop() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return;
+    stopped_ = true;
+    // Deleting the participant deletes its readers and writers and waits for
+    // listener calls in progress, so no handler runs after this.
+    dds_delete(participant_);
+    dds_delete(domain_);
+    writers_.clear();
+  }
+
+ private:
+  // REQUIRES: mutex_ held.
+  dds_entity_t topicFor(const std::string& topic) {
+    const auto known = topics_.find(topic);
+    if (known != topics_.end()) return known->second;
+    const dds_entity_t created = dds_create_topic(participant_, &dova_wire_Frame_desc,
+                                                  ddsTopicName(topic).c_str(), nullptr, nullptr);
+    if (created < 0) {
+      mtrace(ERROR, __FILE__, __LINE__, "topic", false, "cannot create DDS topic %s: %s",
+             ddsTopicName(topic).c_str(), dds_strretcode(created));
+      return created;
+    }
+    topics_[topic] = created;
+    return created;
+  }
+
+  dds_entity_t writerFor(const std::string& topic) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return 0;
+    const auto known = writers_.find(topic);
+    if (known != writers_.end()) return known->second;
+    const dds_entity_t dds_topic = topicFor(topic);
+    if (dds_topic <= 0) return 0;
+
+    dds_qos_t* qos = dds_create_qos();
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(5));
+    // Every frame reaches every live reader; a reader that joins later gets
+    // the latest frame of each key only.
+    dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+    dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
+    dds_qset_durability_service(qos, 0, DDS_HISTORY_KEEP_LAST, 1, DDS_LENGTH_UNLIMITED,
+                                DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+    dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
+    const dds_entity_t writer = dds_create_writer(participant_, dds_topic, qos, nullptr);
+    dds_delete_qos(qos);
+    if (writer < 0) {
+      mtrace(ERROR, __FILE__, __LINE__, "send", false, "topic %s: cannot create a writer: %s",
+             topic.c_str(), dds_strretcode(writer));
+      return 0;
+    }
+    writers_[topic] = writer;
+    return writer;
+  }
+
+  const dds_entity_t domain_;
+  const dds_entity_t participant_;
+  const std::string publisher_;
+
+  std::mutex mutex_;  // guards everything below
+  bool stopped_ = false;
+  std::map<std::string, dds_entity_t> topics_;
+  std::map<std::string, dds_entity_t> writers_;
+  std::vector<std::unique_ptr<Reader>> readers_;  // contexts of the readers' listeners
+};
+
+}  // namespace
+
+const char* loopbackConfiguration() { return kLoopbackConfiguration; }
+
+std::unique_ptr<Transport> createDdsTransport(int domain_id, const std::string& node_name,
+                                              std::string& error) {
+  const auto domain_number = static_cast<dds_domainid_t>(domain_id);
+  dds_entity_t domain = 0;
+  const char* uri = std::getenv("CYCLONEDDS_URI");
+  if (uri == nullptr || *uri == '\0') {
+    domain = dds_create_domain(domain_number, kLoopbackConfiguration);
+    if (domain < 0) {
+      error = std::string("cannot configure DDS domain: ") + dds_strretcode(domain);
+      return nullptr;
+    }
+  }
+  const dds_entity_t participant = dds_create_participant(domain_number, nullptr, nullptr);
+  if (participant < 0) {
+    error = std::string("cannot join DDS domain ") + std::to_string(domain_id) + ": " +
+            dds_strretcode(participant);
+    if (domain > 0) dds_delete(domain);
+    return nullptr;
+  }
+  // Unique per process run, so two runs of one node never share DDS instances.
+  const std::string publisher =
+      node_name + "/" + std::to_string(getpid()) + "/" + guid::uuid().substr(0, 8);
+  return std::make_unique<DdsTransport>(domain, participant, publisher);
+}
+
+}  // namespace dova::platform
