@@ -27,6 +27,7 @@ constexpr char kLoopbackConfiguration[] =
     "</Domain></CycloneDDS>";
 
 constexpr int kTakeBatch = 32;
+constexpr dds_duration_t kAckWait = DDS_SECS(2);
 
 // "/diagnostics_value" is carried on the DDS topic "dova/diagnostics_value".
 std::string ddsTopicName(const std::string& topic) {
@@ -112,10 +113,20 @@ class DdsTransport : public Transport {
     return true;
   }
 
+  int matchedSubscribers(const std::string& topic) override {
+    const dds_entity_t writer = writerFor(topic);
+    if (writer <= 0) return 0;
+    dds_publication_matched_status_t status{};
+    if (dds_get_publication_matched_status(writer, &status) != DDS_RETCODE_OK) return 0;
+    return static_cast<int>(status.current_count);
+  }
+
   void stop() override {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return;
     stopped_ = true;
+    // Reliable delivery: let the matched readers acknowledge what was sent.
+    for (const auto& writer : writers_) dds_wait_for_acks(writer.second, kAckWait);
     // Deleting the participant deletes its readers and writers and waits for
     // listener calls in progress, so no handler runs after this.
     dds_delete(participant_);

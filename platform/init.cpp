@@ -159,6 +159,11 @@ NodeHandleBase* nh() {
   return &plainHandle();
 }
 
+int remoteSubscriberCount(const std::string& topic) {
+  platform::PlatformNodeHandle* running = platform::runningHandle();
+  return running == nullptr ? 0 : running->bus().remoteSubscribers(topic);
+}
+
 NodeHandleBase* setNodeHandle(NodeHandleBase* handle) {
   return runtime().installed.exchange(handle, std::memory_order_acq_rel);
 }

@@ -1,5 +1,8 @@
 #include "local_bus.h"
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <exception>
@@ -25,7 +28,87 @@ struct Subscription {
   std::set<std::string> refused_publishers;  // warned about once each
 };
 
+// Counts the threads inside a delivery, from the check of a publication to
+// the return of the subscriber, so that stop() can wait for them and no
+// delivery starts after it. Lock-free while open.
+class DeliveryGate {
+ public:
+  // Admits one delivery unless the gate is closed; each admission needs a leave().
+  bool enter() {
+    // Sequentially consistent, paired with close(): either close() sees this
+    // delivery counted, or this delivery sees the gate closed.
+    active_.fetch_add(1);
+    if (closed_.load()) {
+      release();
+      return false;
+    }
+    admissionsOfThisThread().push_back(this);
+    return true;
+  }
+
+  void leave() {
+    admissionsOfThisThread().pop_back();
+    release();
+  }
+
+  bool closed() const { return closed_.load(); }
+
+  // Refuses every later delivery and waits until the admitted ones are done,
+  // except those of the calling thread: a subscriber that stops the
+  // middleware from inside its own delivery must not wait for itself.
+  void close() {
+    closed_.store(true);
+    const std::vector<const DeliveryGate*>& mine = admissionsOfThisThread();
+    const auto own = static_cast<int>(std::count(mine.begin(), mine.end(), this));
+    const auto done = [this, own] { return active_.load() <= own; };
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (idle_.wait_for(lock, std::chrono::seconds(3), done)) return;
+    mtrace(WARN, __FILE__, __LINE__, "stop", false,
+           "still waiting for %d deliveries in progress to return", active_.load() - own);
+    idle_.wait(lock, done);
+  }
+
+ private:
+  // Gates this thread is inside, innermost last (a mode-0 subscriber that
+  // publishes nests deliveries).
+  static std::vector<const DeliveryGate*>& admissionsOfThisThread() {
+    thread_local std::vector<const DeliveryGate*> admissions;
+    return admissions;
+  }
+
+  void release() {
+    active_.fetch_sub(1);
+    if (closed_.load()) {
+      // Under the lock, so the wake-up cannot fall between close()'s check and its wait.
+      std::lock_guard<std::mutex> lock(mutex_);
+      idle_.notify_all();
+    }
+  }
+
+  std::atomic<int> active_{0};
+  std::atomic<bool> closed_{false};
+  std::mutex mutex_;
+  std::condition_variable idle_;
+};
+
 namespace {
+
+// One admitted delivery, for the extent of a scope.
+class DeliveryPass {
+ public:
+  explicit DeliveryPass(DeliveryGate& gate) : gate_(gate), admitted_(gate.enter()) {}
+  ~DeliveryPass() {
+    if (admitted_) gate_.leave();
+  }
+  DeliveryPass(const DeliveryPass&) = delete;
+  DeliveryPass& operator=(const DeliveryPass&) = delete;
+
+  bool admitted() const { return admitted_; }
+
+ private:
+  DeliveryGate& gate_;
+  const bool admitted_;
+};
 
 // Whether `subscription` accepts `delivery`; a refused publisher is reported once.
 bool accepts(Subscription& subscription, const Delivery& delivery) {
@@ -74,8 +157,9 @@ void invoke(Subscription& subscription, const Delivery& delivery) {
 }
 
 void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& delivery,
-             const std::shared_ptr<std::atomic<bool>>& stopped) {
-  if (stopped->load(std::memory_order_acquire) || !accepts(*subscription, delivery)) return;
+             const std::shared_ptr<DeliveryGate>& gate) {
+  const DeliveryPass pass(*gate);
+  if (!pass.admitted() || !accepts(*subscription, delivery)) return;
   if (!subscription->pool) {
     invoke(*subscription, delivery);
     return;
@@ -89,7 +173,9 @@ void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& 
     subscription->queue.push_back(delivery);
   }
   // One task per delivery; a task that finds the queue emptied by a drop does nothing.
-  subscription->pool->post([subscription, stopped] {
+  subscription->pool->post([subscription, gate] {
+    const DeliveryPass task_pass(*gate);
+    if (!task_pass.admitted()) return;
     Delivery next;
     {
       std::lock_guard<std::mutex> lock(subscription->mutex);
@@ -97,7 +183,7 @@ void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& 
       next = std::move(subscription->queue.front());
       subscription->queue.pop_front();
     }
-    if (!stopped->load(std::memory_order_acquire)) invoke(*subscription, next);
+    invoke(*subscription, next);
   });
 }
 
@@ -107,7 +193,7 @@ LocalBus::LocalBus(std::string node_name, bool intra_process, NodeHandleBase& ha
     : node_name_(std::move(node_name)),
       intra_process_(intra_process),
       handle_(handle),
-      stopped_(std::make_shared<std::atomic<bool>>(false)) {}
+      gate_(std::make_shared<DeliveryGate>()) {}
 
 LocalBus::~LocalBus() { stop(); }
 
@@ -132,7 +218,7 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
   std::vector<Delivery> replay;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopped_->load()) return false;
+    if (gate_->closed()) return false;
     auto& list = subscriptions_[subscription->topic];
     auto grown = std::make_shared<SubscriptionList>(list ? *list : SubscriptionList());
     grown->push_back(subscription);
@@ -143,27 +229,27 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
     if (subscription->pool) {
       // Queued while the lock keeps publishers out, so no newer publication
       // can overtake the state it replays.
-      for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
+      for (const Delivery& delivery : replay) deliver(subscription, delivery, gate_);
       replay.clear();
     }
   }
   if (transport_) {
     // Each subscription has its own remote reader, so a latched one receives
     // the state of every other process when it joins.
-    const std::shared_ptr<std::atomic<bool>> stopped = stopped_;
+    const std::shared_ptr<DeliveryGate> gate = gate_;
     const bool listening = transport_->listen(
         subscription->topic, subscriber->getLatch(), subscriber->getReliable(),
-        [subscription, stopped](const std::string& md5, const uint8_t* frame, size_t size) {
+        [subscription, gate](const std::string& md5, const uint8_t* frame, size_t size) {
           Delivery delivery;
           delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
           delivery.md5 = md5;
           delivery.publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
-          deliver(subscription, delivery, stopped);
+          deliver(subscription, delivery, gate);
         });
     if (!listening) return false;
   }
   // Direct deliveries run user code, which must not run under the lock.
-  for (const Delivery& delivery : replay) deliver(subscription, delivery, stopped_);
+  for (const Delivery& delivery : replay) deliver(subscription, delivery, gate_);
   return true;
 }
 
@@ -190,7 +276,7 @@ std::shared_ptr<const std::vector<uint8_t>> LocalBus::makeFrame(const Msg& messa
 
 void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> message,
                        const std::string& latch_key) {
-  if (stopped_->load(std::memory_order_acquire)) return;
+  if (gate_->closed()) return;
   Delivery delivery;
   delivery.type = message->getType();
   delivery.md5 = message->getMD5();
@@ -207,7 +293,7 @@ void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> mess
     if (list != subscriptions_.end()) subscribers = list->second;
   }
   if (subscribers) {
-    for (const auto& subscription : *subscribers) deliver(subscription, delivery, stopped_);
+    for (const auto& subscription : *subscribers) deliver(subscription, delivery, gate_);
   }
   if (transport_) {
     transport_->send(topic, delivery.md5, latch_key, delivery.frame->data(),
@@ -215,12 +301,32 @@ void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> mess
   }
 }
 
+int LocalBus::remoteSubscribers(const std::string& topic) {
+  return transport_ && !gate_->closed() ? transport_->matchedSubscribers(topic) : 0;
+}
+
 void LocalBus::stop() {
-  stopped_->store(true, std::memory_order_release);
+  // First: once the gate is closed and idle, no thread runs a subscriber or
+  // touches a subscription's queue or pool for this bus.
+  gate_->close();
   if (transport_) transport_->stop();
-  std::lock_guard<std::mutex> lock(mutex_);
-  subscriptions_.clear();
-  latched_.clear();
+  std::map<std::string, std::shared_ptr<const SubscriptionList>> subscriptions;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    subscriptions.swap(subscriptions_);
+    latched_.clear();
+  }
+  // A queued task holds its subscription and the subscription holds its pool:
+  // break the cycle, or neither the pool nor its thread would ever be freed.
+  for (const auto& topic : subscriptions) {
+    if (!topic.second) continue;
+    for (const auto& subscription : *topic.second) {
+      std::shared_ptr<ThreadPool> pool;  // released outside the subscription's lock
+      std::lock_guard<std::mutex> lock(subscription->mutex);
+      subscription->queue.clear();
+      pool.swap(subscription->pool);
+    }
+  }
 }
 
 }  // namespace dova::platform

@@ -16,6 +16,7 @@
 namespace dova::platform {
 
 struct Subscription;
+class DeliveryGate;
 
 // One publication on its way to subscribers: the message itself for
 // same-process deliveries and/or its frame (32-byte prefix + encoding).
@@ -55,7 +56,13 @@ class LocalBus {
   void publish(const std::string& topic, std::shared_ptr<const Msg> message,
                const std::string& latch_key);
 
-  // Stops every delivery; later publications are dropped.
+  // How many subscribers in other processes this node's publications on
+  // `topic` reach; 0 without a transport.
+  int remoteSubscribers(const std::string& topic);
+
+  // Stops every delivery; later publications are dropped. Returns once no
+  // delivery of this bus is running any more (apart from the caller's own,
+  // when a subscriber's function calls it), so a subscriber may be freed then.
   void stop();
 
  private:
@@ -66,7 +73,7 @@ class LocalBus {
   const std::string node_name_;
   const bool intra_process_;
   NodeHandleBase& handle_;
-  std::shared_ptr<std::atomic<bool>> stopped_;
+  std::shared_ptr<DeliveryGate> gate_;  // shared with queued tasks and transport handlers
   std::unique_ptr<Transport> transport_;
 
   std::mutex mutex_;  // guards the maps below

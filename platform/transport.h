@@ -35,7 +35,12 @@ class Transport {
   virtual bool listen(const std::string& topic, bool latched, bool reliable,
                       RemoteFrameHandler handler) = 0;
 
+  // How many subscribers in other processes this process's publications on
+  // `topic` currently reach.
+  virtual int matchedSubscribers(const std::string& topic) = 0;
+
   // Stops sending and receiving; no handler call starts after it returns.
+  // What was sent is first given a moment to reach the matched subscribers.
   virtual void stop() = 0;
 };
 

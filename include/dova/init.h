@@ -35,6 +35,11 @@ std::string getNodeName();
 // while it is installed.
 NodeHandleBase* setNodeHandle(NodeHandleBase* handle);
 
+// How many subscribers in other processes this node's publications on
+// `topic` currently reach (a publisher can wait for its audience before it
+// starts); 0 on the local transport or when the middleware is not running.
+int remoteSubscriberCount(const std::string& topic);
+
 // The sender's node name from a frame's 32-byte transport prefix: the bytes
 // up to the first NUL, or all 32 when there is none; "" when `len` < 32.
 std::string getCallerId(uint8_t* data, int len);
