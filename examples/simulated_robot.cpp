@@ -1,9 +1,21 @@
 // A simulated robot coming up: its components report their health through
 // korcommon::Diagnostics while a monitor follows them, as a robot's operator
-// station would. Runs for about ten seconds on the in-process transport.
+// station would. Runs for about ten seconds.
+//
+//   simulated_robot                   every component and the monitor in a
+//                                     process of its own, on the DDS
+//                                     transport (loopback only)
+//   simulated_robot --single-process  all of them in one process, on the
+//                                     in-process transport
+// The launcher's children are this program again, given a role:
+//   simulated_robot component INDEX START_MS | monitor START_MS
 #include <dova/init.h>
 #include <korcommon/Diagnostics.h>
 #include <korcommon/log.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,7 +30,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using dova::diagnostic_msgs::DiagnosticValue;
 
 constexpr int kOk = 0;
@@ -27,9 +38,24 @@ constexpr int kError = 2;
 constexpr auto kRunTime = std::chrono::seconds(10);
 constexpr auto kReportPeriod = std::chrono::milliseconds(250);
 
-const Clock::time_point kStart = Clock::now();
+// The robot's start, on the wall clock, shared by every process of the run.
+using WallClock = std::chrono::system_clock;
+WallClock::time_point run_start = WallClock::now();
 
-double secondsSinceStart() { return std::chrono::duration<double>(Clock::now() - kStart).count(); }
+double secondsSinceStart() {
+  return std::chrono::duration<double>(WallClock::now() - run_start).count();
+}
+
+std::atomic<bool> interrupted{false};
+
+void onSignal(int) { interrupted = true; }
+
+// Sleeps until `until` or a stop signal, whichever comes first.
+void sleepUntil(WallClock::time_point until) {
+  while (!interrupted && WallClock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
 
 // What a component says about itself at a moment of the run.
 struct Report {
@@ -130,7 +156,7 @@ class Monitor {
 
 void runComponent(const Component& component, const std::atomic<bool>& running) {
   int last_level = kOk;
-  while (running) {
+  while (running && !interrupted) {
     const Report report = component.state(secondsSinceStart());
     korcommon::Diagnostics::publish(component.name, component.frame, report.code, report.level,
                                     report.message);
@@ -140,39 +166,141 @@ void runComponent(const Component& component, const std::atomic<bool>& running) 
                         component.name.c_str(), report.message.c_str());
       last_level = report.level;
     }
-    std::this_thread::sleep_for(kReportPeriod);
+    sleepUntil(WallClock::now() + kReportPeriod);
   }
 }
 
-}  // namespace
-
-int main() {
-  setenv("DOVA_LOG_SCREEN", "1", 0);  // show the components' traces as coloured lines
-  if (!dova::init("robot")) return 1;
-  korcommon::mtrace(2, __FILE__, __LINE__, "main", "robot coming up: %zu components",
-                    robotComponents().size());
-
-  std::atomic<bool> running{true};
-  std::vector<std::thread> threads;
-  const std::vector<Component> components = robotComponents();
-  for (const Component& component : components) {
-    threads.emplace_back(runComponent, std::cref(component), std::cref(running));
-  }
-
-  // The monitor joins a moment later, as an operator's would: the current
-  // state of every reporter reaches it in one batch after three seconds.
-  std::this_thread::sleep_for(std::chrono::milliseconds(600));
-  Monitor monitor;
+void subscribeMonitor(Monitor& monitor) {
   korcommon::mtrace(2, __FILE__, __LINE__, "main", "monitor subscribing to /diagnostics_value");
   korcommon::Diagnostics::subscribe(
       [&monitor](const std::shared_ptr<const DiagnosticValue>& report) {
         monitor.onReport(report);
       });
+}
 
-  std::this_thread::sleep_until(kStart + kRunTime);
+// The monitor joins a moment after the components, as an operator's would:
+// the current state of every reporter reaches it in one batch three seconds
+// later.
+constexpr auto kMonitorJoins = std::chrono::milliseconds(600);
+
+int runSingleProcess() {
+  if (!dova::init("robot", dova::Options{"local", -1, true, -1})) return 1;
+  const std::vector<Component> components = robotComponents();
+  korcommon::mtrace(2, __FILE__, __LINE__, "main", "robot coming up: %zu components",
+                    components.size());
+  std::atomic<bool> running{true};
+  std::vector<std::thread> threads;
+  for (const Component& component : components) {
+    threads.emplace_back(runComponent, std::cref(component), std::cref(running));
+  }
+  sleepUntil(run_start + kMonitorJoins);
+  Monitor monitor;
+  subscribeMonitor(monitor);
+  sleepUntil(run_start + kRunTime);
   running = false;
   for (std::thread& thread : threads) thread.join();
   korcommon::mtrace(2, __FILE__, __LINE__, "main", "robot shutting down");
   dova::shutdown();
   return 0;
+}
+
+// One component as a process of its own; its node is named after it.
+int runComponentProcess(size_t index) {
+  const std::vector<Component> components = robotComponents();
+  if (index >= components.size()) return 2;
+  const Component& component = components[index];
+  std::string node = component.frame;
+  if (!dova::init(node)) return 1;
+  std::atomic<bool> running{true};
+  std::thread reporter(runComponent, std::cref(component), std::cref(running));
+  sleepUntil(run_start + kRunTime);
+  running = false;
+  reporter.join();
+  dova::shutdown();
+  return 0;
+}
+
+int runMonitorProcess() {
+  if (!dova::init("monitor")) return 1;
+  sleepUntil(run_start + kMonitorJoins);
+  Monitor monitor;
+  subscribeMonitor(monitor);
+  sleepUntil(run_start + kRunTime + std::chrono::milliseconds(300));
+  dova::shutdown();
+  return 0;
+}
+
+pid_t startChild(const std::vector<std::string>& arguments) {
+  const pid_t child = fork();
+  if (child != 0) return child;
+  // A child must not outlive the launcher, however the launcher ends.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  std::vector<char*> argv;
+  std::vector<std::string> words = arguments;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  execv("/proc/self/exe", argv.data());
+  _exit(127);
+}
+
+// Starts every component and the monitor as processes, waits for the run to
+// end (or Ctrl-C), then makes sure every child is gone.
+int runLauncher() {
+  setenv("DOVA_TRANSPORT", "dds", 1);
+  setenv("DOVA_DOMAIN_ID", "42", 0);
+  unsetenv("CYCLONEDDS_URI");  // the demo stays on loopback
+  const std::string start = std::to_string(
+      std::chrono::duration_cast<std::chrono::milliseconds>(run_start.time_since_epoch()).count());
+
+  const size_t count = robotComponents().size();
+  std::printf("robot coming up: %zu components and a monitor, each a process on DDS (loopback)\n",
+              count);
+  std::fflush(stdout);
+  std::vector<pid_t> children;
+  for (size_t index = 0; index < count; ++index) {
+    children.push_back(startChild({"simulated_robot", "component", std::to_string(index), start}));
+  }
+  children.push_back(startChild({"simulated_robot", "monitor", start}));
+
+  sleepUntil(run_start + kRunTime + std::chrono::seconds(1));
+  for (const pid_t child : children) kill(child, SIGTERM);
+  const auto deadline = WallClock::now() + std::chrono::seconds(5);
+  size_t running = children.size();
+  while (running > 0 && WallClock::now() < deadline) {
+    if (waitpid(-1, nullptr, WNOHANG) > 0) {
+      --running;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  for (const pid_t child : children) kill(child, SIGKILL);
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
+  std::printf("robot shut down: every process has ended\n");
+  return interrupted ? 130 : 0;
+}
+
+WallClock::time_point fromMilliseconds(const std::string& text) {
+  return WallClock::time_point(std::chrono::milliseconds(std::atoll(text.c_str())));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  signal(SIGINT, onSignal);
+  signal(SIGTERM, onSignal);
+  setenv("DOVA_LOG_SCREEN", "1", 0);  // show the components' traces as coloured lines
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty()) return runLauncher();
+  if (args.size() == 1 && args[0] == "--single-process") return runSingleProcess();
+  if (args.size() == 3 && args[0] == "component") {
+    run_start = fromMilliseconds(args[2]);
+    return runComponentProcess(static_cast<size_t>(std::atol(args[1].c_str())));
+  }
+  if (args.size() == 2 && args[0] == "monitor") {
+    run_start = fromMilliseconds(args[1]);
+    return runMonitorProcess();
+  }
+  std::fprintf(stderr, "usage: simulated_robot [--single-process]\n");
+  return 2;
 }
