@@ -74,12 +74,13 @@ class DdsTransport : public ::testing::Test {
 
   bool join(int mode = 1) { return dova::init("dds_test", dova::Options{"dds", mode, true, -1}); }
 
-  // Subscribes `inbox` to the diagnostics of every process.
-  void subscribe(Inbox& inbox, bool latched) {
+  // Subscribes the fixture's inbox to the diagnostics of every process. The
+  // fixture owns both, so they outlive the shutdown in TearDown.
+  void subscribe(bool latched) {
     subscriber_ = std::make_unique<dova::Subscriber<DiagnosticValue>>();
     subscriber_->setTopic("/diagnostics_value");
     subscriber_->callback_kind = 0;
-    subscriber_->callback_ref = [&inbox](const DiagnosticValue& value) { inbox.add(value); };
+    subscriber_->callback_ref = [this](const DiagnosticValue& value) { inbox.add(value); };
     ASSERT_TRUE(dova::nh()->subscribe(*subscriber_, latched, true, -1));
   }
 
@@ -92,6 +93,7 @@ class DdsTransport : public ::testing::Test {
   }
 
   std::string domain_;
+  Inbox inbox;
   std::unique_ptr<dova::Subscriber<DiagnosticValue>> subscriber_;
 };
 
@@ -104,8 +106,7 @@ TEST_F(DdsTransport, LateJoinerReceivesLatestReportPerNameFromEachLivePublisher)
   ASSERT_TRUE(beta->waitForOutput("published 30", 30s)) << beta->errors();
 
   ASSERT_TRUE(join());
-  Inbox inbox;
-  subscribe(inbox, true);
+  subscribe(true);
   ASSERT_TRUE(inbox.waitForCount(6, 30s));
   // Anything beyond the state would arrive right behind it.
   EXPECT_FALSE(inbox.waitForCount(7, 1s));
@@ -122,8 +123,7 @@ TEST_F(DdsTransport, LateJoinerReceivesLatestReportPerNameFromEachLivePublisher)
 
 TEST_F(DdsTransport, EveryReportArrivesInOrderPerPublisher) {
   ASSERT_TRUE(join());
-  Inbox inbox;
-  subscribe(inbox, false);
+  subscribe(false);
   constexpr int kPublishers = 3;
   constexpr int kReports = 2000;
   std::vector<std::unique_ptr<ChildProcess>> publishers;
@@ -146,8 +146,7 @@ TEST_F(DdsTransport, EveryReportArrivesInOrderPerPublisher) {
 
 TEST_F(DdsTransport, KilledPublisherLeavesTheSubscriberRunning) {
   ASSERT_TRUE(join());
-  Inbox inbox;
-  subscribe(inbox, false);
+  subscribe(false);
   auto doomed = probe({"publish", "doomed", "100", "1", "1", "-1"});
   ASSERT_TRUE(doomed->waitForOutput("published 100", 30s)) << doomed->errors();
   doomed->signal(SIGKILL);
@@ -166,8 +165,7 @@ TEST_F(DdsTransport, KilledPublisherLeavesTheSubscriberRunning) {
 TEST_F(DdsTransport, MalformedSamplesAreDroppedWithAWarning) {
   TraceCapture capture;
   ASSERT_TRUE(join());
-  Inbox inbox;
-  subscribe(inbox, false);
+  subscribe(false);
   auto raw = probe({"raw", "crafter", "truncated", "overlong", "short", "good"});
   ASSERT_TRUE(inbox.waitForCount(1, 30s)) << raw->errors();
   ASSERT_TRUE(raw->waitForOutput("sent 4", 30s));
@@ -183,8 +181,7 @@ TEST_F(DdsTransport, MalformedSamplesAreDroppedWithAWarning) {
 TEST_F(DdsTransport, ChecksumNegotiationRefusesAnotherMessageType) {
   TraceCapture capture;
   ASSERT_TRUE(join(2));
-  Inbox inbox;
-  subscribe(inbox, false);
+  subscribe(false);
   auto raw = probe({"raw", "stranger", "md5", "md5", "good"});
   ASSERT_TRUE(inbox.waitForCount(1, 30s)) << raw->errors();
   ASSERT_TRUE(raw->waitForOutput("sent 3", 30s));
