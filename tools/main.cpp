@@ -3,8 +3,11 @@
 #include <iostream>
 #include <string>
 
+#include "diag_command.h"
+#include "doctor_command.h"
 #include "exit_status.h"
 #include "imptdata_command.h"
+#include "log_command.h"
 #include "sig_command.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +23,9 @@ int main(int argc, char** argv) {
   });
   korcommon::cli::addSigCommand(app);
   korcommon::cli::addImptdataCommand(app);
+  korcommon::cli::addDiagCommand(app);
+  korcommon::cli::addLogCommand(app);
+  korcommon::cli::addDoctorCommand(app);
 
   try {
     app.parse(argc, argv);

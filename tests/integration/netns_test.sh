@@ -53,7 +53,7 @@ cyclone_config() {  # INTERFACE PEER_ADDRESS
 
 export DOVA_DOMAIN_ID=7 DOVA_TRANSPORT=dds
 ip netns exec "$ns_echo" env CYCLONEDDS_URI="$(cyclone_config veth_echo "$address_pub")" \
-  "$korcommon" diag echo --json --name '^netns/' >"$work/echo.out" 2>"$work/echo.err" &
+  "$korcommon" diag echo --json --no-batch --name '^netns/' >"$work/echo.out" 2>"$work/echo.err" &
 echo_pid=$!
 
 # Five reports, one every 100 ms, from the other namespace.
