@@ -6,7 +6,9 @@
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <iterator>
 #include <set>
+#include <typeinfo>
 #include <utility>
 
 #include "dova/msgs/frame_check.h"
@@ -21,9 +23,12 @@ struct Subscription {
   std::string type;                  // the subscriber's message type
   std::shared_ptr<ThreadPool> pool;  // null: deliver on the publishing or receiving thread
   int queue_size = -1;               // -1: unbounded
+  // Without a pool, true while the joining thread replays the latched state;
+  // live deliveries wait in `queue` meanwhile. Changed under `mutex`.
+  std::atomic<bool> replaying{false};
 
   std::mutex mutex;            // guards the fields below
-  std::deque<Delivery> queue;  // deliveries waiting for the pool
+  std::deque<Delivery> queue;  // deliveries waiting for the pool, or for the replay
   std::string expected_md5;    // set by negotiation (mode 2): other checksums are refused
   std::set<std::string> refused_publishers;  // warned about once each
 };
@@ -156,11 +161,23 @@ void invoke(Subscription& subscription, const Delivery& delivery) {
   }
 }
 
+// Without a pool: holds a live delivery back while the joining thread
+// replays the latched state, so that it cannot overtake the older state.
+bool holdDuringReplay(Subscription& subscription, const Delivery& delivery) {
+  if (!subscription.replaying.load(std::memory_order_acquire)) return false;
+  std::lock_guard<std::mutex> lock(subscription.mutex);
+  if (!subscription.replaying.load(std::memory_order_relaxed)) return false;
+  subscription.queue.push_back(delivery);
+  return true;
+}
+
+// `replayed` marks the joining thread's own replay, which is never held.
 void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& delivery,
-             const std::shared_ptr<DeliveryGate>& gate) {
+             const std::shared_ptr<DeliveryGate>& gate, bool replayed = false) {
   const DeliveryPass pass(*gate);
   if (!pass.admitted() || !accepts(*subscription, delivery)) return;
   if (!subscription->pool) {
+    if (!replayed && holdDuringReplay(*subscription, delivery)) return;
     invoke(*subscription, delivery);
     return;
   }
@@ -185,6 +202,24 @@ void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& 
     }
     invoke(*subscription, next);
   });
+}
+
+// Without a pool: delivers the latched state on the joining thread, then
+// what arrived meanwhile, then lets live deliveries through.
+void replayThenRelease(const std::shared_ptr<Subscription>& subscription,
+                       std::vector<Delivery> pending, const std::shared_ptr<DeliveryGate>& gate) {
+  for (;;) {
+    for (const Delivery& delivery : pending) deliver(subscription, delivery, gate, true);
+    pending.clear();
+    std::lock_guard<std::mutex> lock(subscription->mutex);
+    if (subscription->queue.empty()) {
+      subscription->replaying.store(false, std::memory_order_release);
+      return;
+    }
+    pending.assign(std::make_move_iterator(subscription->queue.begin()),
+                   std::make_move_iterator(subscription->queue.end()));
+    subscription->queue.clear();
+  }
 }
 
 }  // namespace
@@ -214,6 +249,8 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
       subscription->pool = pool->second;
     }
   }
+  // Set before publishers can see the subscription.
+  subscription->replaying = !subscription->pool && subscriber->getLatch();
 
   std::vector<Delivery> replay;
   {
@@ -246,10 +283,13 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
           delivery.publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
           deliver(subscription, delivery, gate);
         });
-    if (!listening) return false;
+    if (!listening) {
+      if (subscription->replaying) replayThenRelease(subscription, std::move(replay), gate_);
+      return false;
+    }
   }
   // Direct deliveries run user code, which must not run under the lock.
-  for (const Delivery& delivery : replay) deliver(subscription, delivery, gate_);
+  if (subscription->replaying) replayThenRelease(subscription, std::move(replay), gate_);
   return true;
 }
 
@@ -277,6 +317,7 @@ std::shared_ptr<const std::vector<uint8_t>> LocalBus::makeFrame(const Msg& messa
 void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> message,
                        const std::string& latch_key) {
   if (gate_->closed()) return;
+  if (intra_process_ && !transport_ && latchOnly(topic, message, latch_key)) return;
   Delivery delivery;
   delivery.type = message->getType();
   delivery.md5 = message->getMD5();
@@ -299,6 +340,25 @@ void LocalBus::publish(const std::string& topic, std::shared_ptr<const Msg> mess
     transport_->send(topic, delivery.md5, latch_key, delivery.frame->data(),
                      delivery.frame->size());
   }
+}
+
+bool LocalBus::latchOnly(const std::string& topic, std::shared_ptr<const Msg>& message,
+                         const std::string& latch_key) {
+  std::shared_ptr<const Msg> replaced;  // released after the lock: its destructor may be long
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto list = subscriptions_.find(topic);
+  if (list != subscriptions_.end() && list->second && !list->second->empty()) return false;
+  Delivery& latched = latched_[topic][latch_key];
+  // Type and checksum are constants of a message class: they are asked for
+  // again only when a message of another class takes the key.
+  if (!latched.message || typeid(*latched.message) != typeid(*message)) {
+    latched.type = message->getType();
+    latched.md5 = message->getMD5();
+    latched.publisher = node_name_;
+  }
+  latched.frame.reset();
+  replaced = std::exchange(latched.message, std::move(message));
+  return true;
 }
 
 int LocalBus::remoteSubscribers(const std::string& topic) {

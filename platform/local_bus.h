@@ -69,6 +69,10 @@ class LocalBus {
   using SubscriptionList = std::vector<std::shared_ptr<Subscription>>;
 
   std::shared_ptr<const std::vector<uint8_t>> makeFrame(const Msg& message) const;
+  // With nobody to deliver to, only refreshes the latched state, taking
+  // `message`; false (and `message` untouched) when the topic has subscribers.
+  bool latchOnly(const std::string& topic, std::shared_ptr<const Msg>& message,
+                 const std::string& latch_key);
 
   const std::string node_name_;
   const bool intra_process_;

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
@@ -36,6 +37,16 @@ void handOver(const Diagnostics::Callback& callback, const std::shared_ptr<MsgMa
   std::lock_guard<std::mutex> lock(info->mutex);
   for (const auto& entry : info->msgs) callback(entry.second);
   info->msgs.clear();
+}
+
+// Keeps every subscriber reachable for the rest of the process. They are never
+// freed, on purpose; held here, a leak checker in the user's process does not
+// report them.
+void keepForever(dova::Subscriber<DiagnosticValue>* subscriber) {
+  static auto* mutex = new std::mutex;
+  static auto* subscribers = new std::vector<dova::Subscriber<DiagnosticValue>*>;
+  std::lock_guard<std::mutex> lock(*mutex);
+  subscribers->push_back(subscriber);
 }
 
 }  // namespace
@@ -89,6 +100,7 @@ void Diagnostics::subscribe(Callback callback) {
   // Never destroyed, on purpose: the subscription lasts for the rest of the
   // process and the middleware may deliver to it at any time.
   auto* subscriber = new dova::Subscriber<DiagnosticValue>();
+  keepForever(subscriber);
   subscriber->callback_ptr = std::move(deliver);
   subscriber->callback_kind = 2;
   subscriber->msg_type = "diagnostic_msgs/DiagnosticValue";

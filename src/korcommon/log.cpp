@@ -7,11 +7,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include "dova/filesystem/filesystem.h"
 #include "dova/init.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/os/node_handle_base.h"
@@ -61,24 +62,6 @@ int32_t setUpSize() {
   return ROBOT_LOG_SIZE.load(std::memory_order_relaxed);
 }
 
-// The lowest message level each configured level lets through.
-bool passesFilter(int32_t configured, int level) {
-  switch (configured) {
-    case 1:
-      return true;
-    case 2:
-      return level >= 2;
-    case 3:
-      return level >= 4;
-    case 4:
-      return level >= 8;
-    case 5:
-      return level >= 16;
-    default:
-      return false;
-  }
-}
-
 // Process and kernel thread ids, asked of the kernel once per thread (and
 // again in a child after fork, where both change).
 struct ThreadIds {
@@ -105,14 +88,46 @@ const ThreadIds& currentIds() {
   return ids;
 }
 
-std::string fileName(const char* file) {
-  return file == nullptr ? std::string() : dova::filesystem::path(file).filename().string();
+// The last path component, as dova::filesystem::path(file).filename() gives
+// it on POSIX (every "/" separates, a trailing one leaves an empty name),
+// without building the path's list of components on every call.
+const char* fileName(const char* file) {
+  if (file == nullptr) return "";
+  const char* slash = std::strrchr(file, '/');
+  return slash == nullptr ? file : slash + 1;
 }
 
+// Makes shared objects with `new T` instead of `new T()`. Every member of a
+// record has its own initialiser, so value-initialisation would only add a
+// clearing of the whole record before the constructors run, on every call.
+template <typename T>
+struct DefaultInitAllocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = DefaultInitAllocator<U>;
+  };
+  DefaultInitAllocator() = default;
+  template <typename U>
+  explicit DefaultInitAllocator(const DefaultInitAllocator<U>& /*other*/) noexcept {}
+
+  template <typename U>
+  void construct(U* object) {
+    ::new (static_cast<void*>(object)) U;
+  }
+  template <typename U, typename... Arguments>
+  void construct(U* object, Arguments&&... arguments) {
+    ::new (static_cast<void*>(object)) U(std::forward<Arguments>(arguments)...);
+  }
+};
+
 void publish(int level, const char* file, int line, const char* function, const char* text) {
-  auto record = std::make_shared<dova::dova_msgs::Log>();
+  auto record =
+      std::allocate_shared<dova::dova_msgs::Log>(DefaultInitAllocator<dova::dova_msgs::Log>());
   record->level = static_cast<int8_t>(level);
   record->name = dova::getNodeName();
+  // Stamped with the sender's identity here, so the middleware need not copy
+  // the record to stamp it.
+  record->caller_id = record->name;
   record->file = fileName(file);
   record->line = static_cast<uint32_t>(line);
   record->function = function;
@@ -211,20 +226,37 @@ void printScreenLine(int level, const char* file, int line, const char* text) {
   if (screenEnabled()) printScreenLine(level, file, line, buffer);
 }
 
-}  // namespace
-
-void mtrace(int level, const char* file, int line, const char* function, const char* format, ...) {
+__attribute__((format(printf, 5, 0))) void traceCall(int level, const char* file, int line,
+                                                     const char* function, const char* format,
+                                                     va_list arguments) {
   int32_t configured = ROBOT_LOG_LEVEL.load(std::memory_order_relaxed);
   if (configured < 0) configured = setUpLevel();
   int32_t size = ROBOT_LOG_SIZE.load(std::memory_order_relaxed);
   if (size < 0) size = setUpSize();
-  if (!passesFilter(configured, level)) return;
+  if (!detail::passesLevel(configured, level)) return;
+  logPassing(level, file, line, function, size, format, arguments);
+}
 
+}  // namespace
+
+void mtrace(int level, const char* file, int line, const char* function, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  logPassing(level, file, line, function, size, format, arguments);
+  traceCall(level, file, line, function, format, arguments);
   va_end(arguments);
 }
+
+namespace detail {
+
+void mtraceOutOfLine(int level, const char* file, int line, const char* function,
+                     const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  traceCall(level, file, line, function, format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace detail
 
 void set_log_level(int level) {
   std::lock_guard<std::mutex> lock(mutex_);

@@ -1,5 +1,3 @@
-#include "dova/json/elements.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,6 +5,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "dova/json/elements.h"
 
 namespace {
 
@@ -108,8 +108,9 @@ TEST(JsonElements, NestedNonConstReadGrowsTheDocument) {
 TEST(JsonElements, InsertRefusesADuplicateNameAndKeepsTheObject) {
   Object object;
   object.Insert(Object::Member("k", Number(1)));
+  const Object::Member again("k", Number(2));
   try {
-    object.Insert(Object::Member("k", Number(2)));
+    object.Insert(again);
     FAIL() << "no exception";
   } catch (const Exception& error) {
     EXPECT_STREQ(error.what(), "Object member already exists: k");
@@ -145,6 +146,7 @@ TEST(JsonElements, ArraySubscriptGrowsWithNulls) {
 TEST(JsonElements, AssignmentFromItselfOrItsOwnChild) {
   UnknownElement element;
   element["list"][size_t{1}] = Number(2);
+  element["list"][size_t{0}]["name"] = String("a text too long for any small buffer");
   const UnknownElement before = element;
   const UnknownElement& itself = element;
   element = itself;
@@ -153,7 +155,11 @@ TEST(JsonElements, AssignmentFromItselfOrItsOwnChild) {
   element = element["list"];
   ASSERT_TRUE(holds<Array>(element));
   EXPECT_EQ(element.CastTo<Array>().size(), 2u);
+  element = element[size_t{0}];
+  element = std::move(element["name"]);
+  EXPECT_EQ(element.CastTo<String>().Value(), "a text too long for any small buffer");
 
+  element = Array(before["list"]);
   element = std::move(element[size_t{1}]);
   EXPECT_EQ(element.CastTo<Number>().Value(), 2.0);
 }
@@ -161,16 +167,24 @@ TEST(JsonElements, AssignmentFromItselfOrItsOwnChild) {
 TEST(JsonElements, CopiesAreDeepAndMovesLeaveNull) {
   Object original;
   original["inner"]["value"] = Number(1);
+  original["list"][size_t{0}] = String("x");
   Object copy = original;
   copy["inner"]["value"] = Number(2);
+  copy["list"][size_t{0}].ConvertTo<String>().Value() += "y";
   EXPECT_EQ(original["inner"]["value"].CastTo<Number>().Value(), 1.0);
+  EXPECT_EQ(original["list"][size_t{0}].CastTo<String>().Value(), "x");
 
-  UnknownElement source = original;
-  UnknownElement target = std::move(source);
-  EXPECT_TRUE(target == UnknownElement(original));
-  EXPECT_TRUE(holds<Null>(source));
-  source = String("reused");
-  EXPECT_EQ(source.CastTo<String>().Value(), "reused");
+  const std::vector<UnknownElement> values = {
+      UnknownElement(original), UnknownElement(original["list"]), UnknownElement(String("s")),
+      UnknownElement(Number(-0.5)), UnknownElement(Boolean(true))};
+  for (const UnknownElement& value : values) {
+    UnknownElement source = value;
+    UnknownElement target = std::move(source);
+    EXPECT_TRUE(target == value);
+    EXPECT_TRUE(holds<Null>(source));
+    source = std::move(target);
+    EXPECT_TRUE(source == value);
+  }
 }
 
 TEST(JsonElements, EqualityComparesKindValueAndOrder) {
@@ -191,6 +205,10 @@ TEST(JsonElements, EqualityComparesKindValueAndOrder) {
   backward["a"] = Number(1);
   EXPECT_FALSE(forward == backward);
   EXPECT_TRUE(forward != backward);
+  Object renamed;
+  renamed["a"] = Number(1);
+  renamed["c"] = Number(2);
+  EXPECT_FALSE(forward == renamed);
   Object same = forward;
   EXPECT_TRUE(forward == same);
   same["c"];

@@ -1,5 +1,3 @@
-#include "dova/json/writer.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,6 +10,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "dova/json/writer.h"
 
 namespace {
 
@@ -145,7 +145,10 @@ TEST(JsonWriter, NumbersMatchPrintfTwentyDigitsOverManyValues) {
       9.9999999999999999e19,
       18446744073709551616.0,
   };
+  // Every bit pattern, whole numbers, short binary fractions, and values spread evenly over
+  // the magnitudes documents hold, with their neighbours.
   std::mt19937_64 random(20240601);
+  std::uniform_real_distribution<double> decimal_exponent(-15.0, 21.0);
   for (int count = 0; count < 20000; ++count) {
     const uint64_t bits = random();
     double value;
@@ -153,6 +156,12 @@ TEST(JsonWriter, NumbersMatchPrintfTwentyDigitsOverManyValues) {
     values.push_back(value);
     values.push_back(static_cast<double>(static_cast<int64_t>(bits) >> (bits % 64)));
     values.push_back(std::ldexp(static_cast<double>(bits % 100000), -static_cast<int>(bits % 40)));
+    const double spread = std::pow(10.0, decimal_exponent(random));
+    values.insert(values.end(), {spread, -std::nextafter(spread, 0.0)});
+  }
+  for (int exponent = -14; exponent <= 21; ++exponent) {
+    const double power = std::pow(10.0, exponent);
+    values.insert(values.end(), {power, std::nextafter(power, 0.0), std::nextafter(power, 1e300)});
   }
   for (const double value : values) {
     char expected[64];
@@ -198,6 +207,15 @@ TEST(JsonWriter, FormatsNumbersAndEscapesAsTheStreamIsSetUp) {
   array.Insert(String("\xC3\xA9"));
   Writer::Write(array, flagged);
   EXPECT_EQ(flagged.str(), R"([+1E+20,"\u00E9"])");
+
+  // Only a formatted insertion uses up a width the caller set: here the first number.
+  std::ostringstream padded;
+  padded.width(4);
+  Array numbers;
+  numbers.Insert(Number(1));
+  numbers.Insert(Number(2));
+  Writer::Write(numbers, padded);
+  EXPECT_EQ(padded.str(), "[   1,2]");
 
   std::ostringstream grouped;
   grouped.imbue(std::locale(grouped.getloc(), new GroupThousands));

@@ -39,8 +39,8 @@ class TrivialType_T {
  public:
   TrivialType_T(DataTypeT data = DataTypeT()) : data_(std::move(data)) {}  // NOLINT: implicit
 
-  operator DataTypeT&() { return data_; }                   // NOLINT: implicit
-  operator const DataTypeT&() const { return data_; }       // NOLINT: implicit
+  operator DataTypeT&() { return data_; }              // NOLINT: implicit
+  operator const DataTypeT&() const { return data_; }  // NOLINT: implicit
   DataTypeT& Value() { return data_; }
   const DataTypeT& Value() const { return data_; }
 
@@ -107,7 +107,7 @@ class UnknownElement {
   template <typename ElementTypeT>
   class ConstCastVisitor_T;
 
-  UnknownElement() = default;
+  UnknownElement() {}  // NOLINT: storage_ stays unset until a value is held there
   UnknownElement(const UnknownElement& element) { holdCopy(element); }
   UnknownElement(UnknownElement&& element) noexcept { holdTaken(element); }
   UnknownElement(const Object& object);    // NOLINT: implicit
@@ -165,20 +165,25 @@ class UnknownElement {
   template <typename ElementTypeT>
   class Imp_T;
   class InPlaceCopy;
+  class InPlaceMove;
+  // The reader builds each value straight into its element.
+  friend class Reader;
 
-  // The holders of Numbers and Booleans are small and live inside the element, in storage_;
-  // the other kinds' holders are on the heap. Null carries no data and has no holder at all,
-  // so default elements and moved-from ones cost nothing.
+  // Holders small enough (Number, Boolean, String, Object) live inside the element, in
+  // storage_, which saves an allocation per value; an Array's holder is on the heap. Null
+  // carries no data and has no holder at all, so default and moved-from elements cost nothing.
   template <typename ElementTypeT>
   static constexpr bool kHeldInPlace =
-      std::is_same_v<ElementTypeT, Number> || std::is_same_v<ElementTypeT, Boolean>;
+      std::is_same_v<ElementTypeT, Number> || std::is_same_v<ElementTypeT, Boolean> ||
+      std::is_same_v<ElementTypeT, String> || std::is_same_v<ElementTypeT, Object>;
 
   static Imp& nullHolder();
   Imp& holder() const { return imp_ != nullptr ? *imp_ : nullHolder(); }
+  // A holder built in storage_ starts there: Imp is its only base.
   bool heldInPlace() const { return static_cast<const void*>(imp_) == storage_; }
 
   // REQUIRES for the hold functions: the element holds Null.
-  // Builds the holder of an ElementTypeT (not Null) from `arguments`.
+  // Builds the holder of an ElementTypeT (not Null) from `arguments`, in place or on the heap.
   template <typename ElementTypeT, typename... ArgumentsT>
   void hold(ArgumentsT&&... arguments);
   void holdCopy(const UnknownElement& element);
@@ -188,7 +193,7 @@ class UnknownElement {
   void release() noexcept;
 
   Imp* imp_ = nullptr;
-  alignas(double) unsigned char storage_[2 * sizeof(double)];
+  alignas(std::string) unsigned char storage_[sizeof(void*) + sizeof(std::string)];
 };
 
 class UnknownElement::CastVisitor : public Visitor {
@@ -277,12 +282,13 @@ class Object {
   bool operator!=(const Object& object) const { return !(*this == object); }
 
  private:
+  // The reader checks member names itself, with an index once objects grow large so that
+  // hostile texts cannot make reading quadratic, and parses each value in place.
   friend class Reader;
 
-  // REQUIRES: no member is named `name`. The reader checks names itself, with an index once
-  // objects grow large, so that hostile texts cannot make reading quadratic.
-  iterator appendUnique(std::string&& name, UnknownElement&& element) {
-    return members_.emplace(end(), std::move(name), std::move(element));
+  // Appends a Null member without looking for its name.
+  iterator appendUnchecked(std::string&& name) {
+    return members_.emplace(end(), std::move(name), UnknownElement());
   }
 
   Members members_;
@@ -354,11 +360,14 @@ class UnknownElement::Imp_T : public UnknownElement::Imp {
   void Accept(ConstVisitor& visitor) const override { visitor.Visit(element_); }
   void Accept(Visitor& visitor) override { visitor.Visit(element_); }
 
+  ElementTypeT& value() { return element_; }
+
  private:
   ElementTypeT element_{};
 };
 
-// Copies a value held in place into another element, which a heap Clone() cannot do.
+// Copies a value held in place into another element's storage, which Clone(), making a heap
+// copy, cannot do.
 class UnknownElement::InPlaceCopy : public ConstCastVisitor {
  public:
   explicit InPlaceCopy(UnknownElement& target) : target_(target) {}
@@ -366,6 +375,23 @@ class UnknownElement::InPlaceCopy : public ConstCastVisitor {
   using ConstCastVisitor::Visit;
   void Visit(const Number& number) override { target_.hold<Number>(number); }
   void Visit(const Boolean& boolean) override { target_.hold<Boolean>(boolean); }
+  void Visit(const String& string) override { target_.hold<String>(string); }
+  void Visit(const Object& object) override { target_.hold<Object>(object); }
+
+ private:
+  UnknownElement& target_;
+};
+
+// Moves a value held in place into another element's storage.
+class UnknownElement::InPlaceMove : public CastVisitor {
+ public:
+  explicit InPlaceMove(UnknownElement& target) : target_(target) {}
+
+  using CastVisitor::Visit;
+  void Visit(Number& number) override { target_.hold<Number>(number); }
+  void Visit(Boolean& boolean) override { target_.hold<Boolean>(boolean); }
+  void Visit(String& string) override { target_.hold<String>(std::move(string)); }
+  void Visit(Object& object) override { target_.hold<Object>(std::move(object)); }
 
  private:
   UnknownElement& target_;
@@ -382,7 +408,7 @@ template <typename ElementTypeT, typename... ArgumentsT>
 void UnknownElement::hold(ArgumentsT&&... arguments) {
   if constexpr (kHeldInPlace<ElementTypeT>) {
     static_assert(sizeof(Imp_T<ElementTypeT>) <= sizeof storage_ &&
-                  alignof(Imp_T<ElementTypeT>) <= alignof(double));
+                  alignof(Imp_T<ElementTypeT>) <= alignof(std::string));
     imp_ = new (storage_) Imp_T<ElementTypeT>(std::forward<ArgumentsT>(arguments)...);
   } else {
     imp_ = new Imp_T<ElementTypeT>(std::forward<ArgumentsT>(arguments)...);
@@ -400,7 +426,8 @@ inline void UnknownElement::holdCopy(const UnknownElement& element) {
 
 inline void UnknownElement::holdTaken(UnknownElement& element) noexcept {
   if (element.heldInPlace()) {
-    holdCopy(element);
+    InPlaceMove move(*this);
+    element.imp_->Accept(move);
     element.release();
   } else {
     imp_ = element.imp_;
@@ -459,6 +486,13 @@ const ElementTypeT& UnknownElement::CastTo() const {
 
 template <typename ElementTypeT>
 ElementTypeT& UnknownElement::ConvertTo() {
+  if constexpr (!std::is_same_v<ElementTypeT, Null>) {
+    // A Null has no holder to visit: build the default value right away.
+    if (imp_ == nullptr) {
+      hold<ElementTypeT>();
+      return static_cast<Imp_T<ElementTypeT>*>(imp_)->value();
+    }
+  }
   CastVisitor_T<ElementTypeT> cast;
   Accept(cast);
   if (cast.element == nullptr) {
@@ -496,11 +530,13 @@ inline bool UnknownElement::operator==(const UnknownElement& element) const {
 }
 
 inline Object::iterator Object::Find(const std::string& name) {
-  return std::find_if(begin(), end(), [&name](const Member& member) { return member.name == name; });
+  return std::find_if(begin(), end(),
+                      [&name](const Member& member) { return member.name == name; });
 }
 
 inline Object::const_iterator Object::Find(const std::string& name) const {
-  return std::find_if(begin(), end(), [&name](const Member& member) { return member.name == name; });
+  return std::find_if(begin(), end(),
+                      [&name](const Member& member) { return member.name == name; });
 }
 
 inline Object::iterator Object::Insert(const Member& member, iterator where) {

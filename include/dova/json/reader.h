@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <istream>
 #include <locale>
 #include <sstream>
@@ -25,10 +26,10 @@ namespace json {
 // then the tokens are parsed. Errors are thrown, as ScanException for bad characters and as
 // ParseException for bad token order, with their positions in the text.
 //
-// The reader is stricter and looser than RFC 8259 in the same ways as the system it serves:
-// the top level must be an object, duplicate member names are an error, raw control
-// characters inside strings are kept, and number tokens are judged by stream extraction.
-// Nesting deeper than kMaxNestingDepth containers is refused.
+// Callers rely on where the reader departs from RFC 8259: the top level must be an object,
+// duplicate member names are an error, raw control characters inside strings are kept, and
+// number tokens are judged by stream extraction. Nesting deeper than kMaxNestingDepth
+// containers is refused.
 //
 // A Reader keeps no state between calls; threads may read separate documents at once.
 class Reader {
@@ -99,11 +100,12 @@ class Reader {
 
   Reader() = default;
 
-  void Scan(Tokens& tokens, InputStream& input);
-  std::string MatchString(InputStream& input);
-  void MatchExpectedString(InputStream& input, std::string_view expected);
-  std::string matchNumber(InputStream& input);
-  void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
+  static void Scan(Tokens& tokens, InputStream& input);
+  static void MatchString(InputStream& input, std::string& text);
+  static void matchStringRest(InputStream& input, std::string& text);
+  static void MatchExpectedString(InputStream& input, std::string_view expected);
+  static void matchNumber(InputStream& input, std::string& text);
+  static void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
 
   std::string& MatchExpectedToken(Token::Type type, TokenStream& tokens);
   void Parse(UnknownElement& element, TokenStream& tokens);
@@ -123,9 +125,7 @@ class Reader::BufferAccess : public std::streambuf {
  public:
   static char* next(std::streambuf& buffer) { return (buffer.*&BufferAccess::gptr)(); }
   static char* end(std::streambuf& buffer) { return (buffer.*&BufferAccess::egptr)(); }
-  static void consume(std::streambuf& buffer, int count) {
-    (buffer.*&BufferAccess::gbump)(count);
-  }
+  static void consume(std::streambuf& buffer, int count) { (buffer.*&BufferAccess::gbump)(count); }
 };
 
 // The caller's stream with the position reached in it. Characters are read in place from the
@@ -294,11 +294,11 @@ inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, 
 
 template <typename ElementTypeT>
 void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
-  Reader reader;
   Tokens tokens;
   InputStream input(stream);
-  reader.Scan(tokens, input);
+  Scan(tokens, input);
 
+  Reader reader;
   TokenStream token_stream(tokens);
   reader.Parse(element, token_stream);
   if (!token_stream.atEnd()) {
@@ -310,17 +310,22 @@ void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
 
 namespace reader_detail {
 
-// isspace in the C locale.
-constexpr bool isSpace(int code) {
-  return code == ' ' || code == '\t' || code == '\n' || code == '\v' || code == '\f' ||
-         code == '\r';
-}
+// isspace in the C locale: space, and tab to carriage return.
+constexpr bool isSpace(int code) { return code == ' ' || (code >= '\t' && code <= '\r'); }
 
 // The characters a number token is made of. NUL is deliberately one of them.
 constexpr bool isNumberCharacter(int code) {
-  return (code >= '0' && code <= '9') || code == '.' || code == 'e' || code == 'E' ||
-         code == '-' || code == '+' || code == '\0';
+  return (code >= '0' && code <= '9') || code == '.' || code == 'e' || code == 'E' || code == '-' ||
+         code == '+' || code == '\0';
 }
+
+constexpr std::array<bool, 256> kNumberCharacters = [] {
+  std::array<bool, 256> characters{};
+  for (size_t code = 0; code < characters.size(); ++code) {
+    characters[code] = isNumberCharacter(static_cast<int>(code));
+  }
+  return characters;
+}();
 
 constexpr int hexDigitValue(char digit) {
   if (digit >= '0' && digit <= '9') return digit - '0';
@@ -337,6 +342,33 @@ constexpr std::array<bool, 256> kEndsStringRun = [] {
   return ends;
 }();
 
+// The first character in [begin, end) that ends a run of plain string characters, or end.
+// Whole words of eight characters are tested at once.
+inline const char* findStringRunEnd(const char* begin, const char* end) {
+  constexpr uint64_t kOnes = 0x0101010101010101u;
+  constexpr uint64_t kHighBits = 0x8080808080808080u;
+  const auto matches = [](uint64_t word, unsigned char byte) {
+    const uint64_t differences = word ^ (kOnes * byte);
+    // The lowest high bit set marks the first byte equal to `byte` exactly.
+    return (differences - kOnes) & ~differences & kHighBits;
+  };
+  while (end - begin >= 8) {
+    uint64_t word;
+    std::memcpy(&word, begin, sizeof word);
+    const uint64_t found = matches(word, '"') | matches(word, '\\') | matches(word, '\n');
+    if (found != 0) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      return begin + __builtin_ctzll(found) / 8;
+#else
+      break;
+#endif
+    }
+    begin += 8;
+  }
+  while (begin != end && !kEndsStringRun[static_cast<unsigned char>(*begin)]) ++begin;
+  return begin;
+}
+
 constexpr Reader::Token::Type punctuationType(int code) {
   switch (code) {
     case '{':
@@ -352,6 +384,132 @@ constexpr Reader::Token::Type punctuationType(int code) {
     default:
       return Reader::Token::Colon;
   }
+}
+
+__extension__ typedef unsigned __int128 Uint128;
+
+constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
+
+constexpr std::array<uint64_t, 28> kPowersOfFive = [] {
+  std::array<uint64_t, 28> powers{};
+  uint64_t power = 1;
+  for (uint64_t& entry : powers) {
+    entry = power;
+    power *= 5;
+  }
+  return powers;
+}();
+
+inline int highestBit(Uint128 value) {
+  const auto high = static_cast<uint64_t>(value >> 64);
+  return high != 0 ? 127 - __builtin_clzll(high)
+                   : 63 - __builtin_clzll(static_cast<uint64_t>(value));
+}
+
+// The double nearest to (integer + a fraction that is nonzero when `inexact`) * 2^exponent,
+// ties to even. REQUIRES: integer > 0, inexact only when integer has more than 53 bits, and a
+// result in the range of normal doubles.
+inline double roundToDouble(Uint128 integer, int exponent, bool inexact) {
+  int shift = highestBit(integer) - 52;
+  uint64_t mantissa;
+  if (shift <= 0) {
+    mantissa = static_cast<uint64_t>(integer) << -shift;
+  } else {
+    mantissa = static_cast<uint64_t>(integer >> shift);
+    const Uint128 rest = integer & ((Uint128{1} << shift) - 1);
+    const Uint128 half = Uint128{1} << (shift - 1);
+    if (rest > half || (rest == half && (inexact || (mantissa & 1) != 0))) {
+      if (++mantissa == uint64_t{1} << 53) {
+        mantissa >>= 1;
+        ++shift;
+      }
+    }
+  }
+  const auto biased_exponent = static_cast<uint64_t>(exponent + shift + 52 + 1023);
+  const uint64_t bits = (biased_exponent << 52) | (mantissa & ((uint64_t{1} << 52) - 1));
+  double value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+// Reads [begin, end) when it is a number in strict JSON form with exactly 20 significant
+// digits, as the writer produces them, and a power of ten from -27 to 18, which 128-bit
+// integers convert exactly; std::from_chars is slow on such numbers. Returns false, leaving
+// `value`, for any other text.
+inline bool readTwentyDigits(const char* begin, const char* end, double& value) {
+  const char* next = begin;
+  const bool negative = next != end && *next == '-';
+  if (negative) ++next;
+  if (next == end || !isDigit(*next)) return false;
+  Uint128 digits = 0;
+  int count = 0;
+  int exponent = 0;
+  const auto addDigit = [&digits, &count](char digit) {
+    digits = digits * 10 + static_cast<unsigned>(digit - '0');
+    ++count;
+  };
+  if (*next == '0') {
+    ++next;
+  } else {
+    for (; next != end && isDigit(*next) && count <= 20; ++next) addDigit(*next);
+  }
+  if (next != end && *next == '.') {
+    const char* const fraction = ++next;
+    for (; next != end && isDigit(*next) && count <= 20; ++next) {
+      --exponent;
+      if (digits != 0 || *next != '0') addDigit(*next);  // leading zeros are not significant
+    }
+    if (next == fraction) return false;
+  }
+  if (count != 20) return false;
+  if (next != end && (*next == 'e' || *next == 'E')) {
+    ++next;
+    const bool negative_exponent = next != end && *next == '-';
+    if (next != end && (*next == '-' || *next == '+')) ++next;
+    const char* const written = next;
+    int power = 0;
+    for (; next != end && isDigit(*next) && next - written < 4; ++next) {
+      power = power * 10 + (*next - '0');
+    }
+    if (next == written) return false;
+    exponent += negative_exponent ? -power : power;
+  }
+  if (next != end || exponent > 18 || exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
+    return false;
+  }
+  double magnitude;
+  if (exponent >= 0) {
+    Uint128 product = digits;
+    for (int power = 0; power < exponent; ++power) product *= 10;
+    magnitude = roundToDouble(product, 0, false);
+  } else {
+    // digits / 10^k = (digits * 2^shift / 5^k) * 2^-(shift + k); the quotient keeps more
+    // than 64 bits and the remainder tells whether the division was exact.
+    const int k = -exponent;
+    const uint64_t divisor = kPowersOfFive[static_cast<size_t>(k)];
+    const int shift = 127 - highestBit(digits);
+    const Uint128 scaled = digits << shift;
+    magnitude = roundToDouble(scaled / divisor, -(shift + k), scaled % divisor != 0);
+  }
+  value = negative ? -magnitude : magnitude;
+  return true;
+}
+
+// The first character in [begin, end) that cannot be part of a number token, or end. Whole
+// words of eight digits are passed at once.
+inline const char* findNumberRunEnd(const char* begin, const char* end) {
+  constexpr uint64_t kHighNibbles = 0xF0F0F0F0F0F0F0F0u;
+  constexpr uint64_t kZeros = 0x3030303030303030u;  // '0' in every byte
+  constexpr uint64_t kSixes = 0x0606060606060606u;
+  while (end - begin >= 8) {
+    uint64_t word;
+    std::memcpy(&word, begin, sizeof word);
+    // Every byte is 0x30 to 0x39 when its high nibble is 3 and adding 6 keeps it so.
+    if ((word & kHighNibbles) != kZeros || ((word + kSixes) & kHighNibbles) != kZeros) break;
+    begin += 8;
+  }
+  while (begin != end && kNumberCharacters[static_cast<unsigned char>(*begin)]) ++begin;
+  return begin;
 }
 
 // Bytes per token in typical documents, rounded down so that reserving by it seldom regrows.
@@ -371,9 +529,8 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
         input.location());
   }
   // in_avail() is the whole remaining text for string streams and a lower bound otherwise.
-  tokens.reserve(static_cast<size_t>(
-      std::clamp<std::streamsize>(input.available() / reader_detail::kBytesPerToken, 0,
-                                  reader_detail::kMaxReservedTokens)));
+  tokens.reserve(static_cast<size_t>(std::clamp<std::streamsize>(
+      input.available() / reader_detail::kBytesPerToken, 0, reader_detail::kMaxReservedTokens)));
 
   for (;;) {
     int code = input.peekCode();
@@ -393,11 +550,12 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
       case ',':
       case ':':
         token.type = reader_detail::punctuationType(code);
-        token.value.push_back(input.Get());
+        token.value.push_back(Traits::to_char_type(code));
+        input.skipInLine(1);
         break;
       case '"':
         token.type = Token::StringToken;
-        token.value = MatchString(input);
+        MatchString(input, token.value);
         break;
       case 't':
         token.type = Token::BooleanToken;
@@ -426,7 +584,7 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
       case '8':
       case '9':
         token.type = Token::NumberToken;
-        token.value = matchNumber(input);
+        matchNumber(input, token.value);
         break;
       default:
         throw ScanException(
@@ -446,25 +604,32 @@ inline void Reader::MatchExpectedString(InputStream& input, std::string_view exp
 }
 
 // The shape of the number is not checked here: "1-2" is one token, judged when parsed.
-inline std::string Reader::matchNumber(InputStream& input) {
-  std::string text;
+inline void Reader::matchNumber(InputStream& input, std::string& text) {
   do {
     const char* const run = input.next();
-    const char* stop = run;
-    while (stop != input.end() &&
-           reader_detail::isNumberCharacter(InputStream::Traits::to_int_type(*stop))) {
-      ++stop;
-    }
+    const char* const stop = reader_detail::findNumberRunEnd(run, input.end());
     text.append(run, static_cast<size_t>(stop - run));
     input.skipInLine(static_cast<size_t>(stop - run));
   } while (input.next() == input.end() && !input.atEnd());
-  return text;
 }
 
+// Decodes a string token into `text`.
 // REQUIRES: the next character is the opening double quote.
-inline std::string Reader::MatchString(InputStream& input) {
+inline void Reader::MatchString(InputStream& input, std::string& text) {
   input.Get();
-  std::string text;
+  // Most strings hold no escape or line feed and end within the buffered text.
+  const char* const run = input.next();
+  const char* const stop = reader_detail::findStringRunEnd(run, input.end());
+  if (stop != input.end() && *stop == '"') {
+    text.append(run, static_cast<size_t>(stop - run));
+    input.skipInLine(static_cast<size_t>(stop - run) + 1);
+    return;
+  }
+  matchStringRest(input, text);
+}
+
+// The general case of MatchString, from just after the opening quote.
+inline void Reader::matchStringRest(InputStream& input, std::string& text) {
   unsigned high_surrogate = 0;  // a pending high surrogate, 0 when none
   const auto missingLowSurrogate = [&input](char character) {
     return ScanException("Missing unicode low surrogate in string: " + std::string(1, character),
@@ -474,10 +639,7 @@ inline std::string Reader::MatchString(InputStream& input) {
     if (input.atEnd()) break;
     // Copy the run of plain characters in one go.
     const char* const run = input.next();
-    const char* stop = run;
-    while (stop != input.end() && !reader_detail::kEndsStringRun[static_cast<unsigned char>(*stop)]) {
-      ++stop;
-    }
+    const char* const stop = reader_detail::findStringRunEnd(run, input.end());
     if (stop != run) {
       if (high_surrogate != 0) throw missingLowSurrogate(input.Get());
       text.append(run, static_cast<size_t>(stop - run));
@@ -529,9 +691,10 @@ inline std::string Reader::MatchString(InputStream& input) {
             input.location());
     }
   }
-  // Deliberately lenient: a high surrogate still pending here is dropped without an error.
-  MatchExpectedString(input, "\"");
-  return text;
+  // The loop stops at the closing quote or at the end of the input. Deliberately lenient: a
+  // high surrogate still pending here is dropped without an error.
+  if (input.atEnd()) throw ScanException("Expected string: \"", input.location());
+  input.Get();
 }
 
 // Decodes the four hex digits after "\u" and appends the code point as UTF-8, pairing
@@ -562,7 +725,8 @@ inline void Reader::appendUnicodeEscape(InputStream& input, std::string& text,
     const unsigned code_point = 0x10000 + ((high_surrogate & 0x3FF) << 10) + (value & 0x3FF);
     high_surrogate = 0;
     const char utf8[4] = {byte(0xF0 | (code_point >> 18)), byte(0x80 | ((code_point >> 12) & 0x3F)),
-                          byte(0x80 | ((code_point >> 6) & 0x3F)), byte(0x80 | (code_point & 0x3F))};
+                          byte(0x80 | ((code_point >> 6) & 0x3F)),
+                          byte(0x80 | (code_point & 0x3F))};
     text.append(utf8, sizeof utf8);
   } else if ((value & 0xFC00) == 0xD800) {
     high_surrogate = value;
@@ -609,19 +773,24 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
     case Token::StringToken:
       // The token is consumed, so its text can move into the document.
       tokens.Get();
-      element = String(std::move(token.value));
+      element.release();
+      element.hold<String>(std::move(token.value));
       break;
-    case Token::NumberToken:
+    case Token::NumberToken: {
       tokens.Get();
-      element = Number(parseNumber(token));
+      const double number = parseNumber(token);
+      element.release();
+      element.hold<Number>(number);
       break;
+    }
     case Token::BooleanToken:
       tokens.Get();
-      element = Boolean(token.value == "true");
+      element.release();
+      element.hold<Boolean>(token.value == "true");
       break;
     case Token::NullToken:
       tokens.Get();
-      element = Null();
+      element.release();
       break;
     default:
       throw ParseException("Unexpected token: " + token.value, token.begin, token.end);
@@ -640,14 +809,22 @@ inline void Reader::Parse(Object& object, TokenStream& tokens) {
       const Token& name_token = tokens.Peek();
       std::string& name = MatchExpectedToken(Token::StringToken, tokens);
       MatchExpectedToken(Token::Colon, tokens);
-      UnknownElement element;
-      Parse(element, tokens);
-      // A repeated name is an error, never resolved in favour of either value.
-      if (names.contains(name)) {
-        throw ParseException("Duplicate object member token: " + name, name_token.begin,
-                             name_token.end);
+      const bool taken = names.contains(name);
+      // The value is parsed straight into a new last member, which goes again when the value
+      // fails or the name is taken: only complete members stay in the object.
+      const Object::iterator member = object.appendUnchecked(std::move(name));
+      try {
+        Parse(member->element, tokens);
+        // A repeated name is an error, never resolved in favour of either value.
+        if (taken) {
+          throw ParseException("Duplicate object member token: " + member->name, name_token.begin,
+                               name_token.end);
+        }
+      } catch (...) {
+        object.members_.erase(member);
+        throw;
       }
-      names.add(object.appendUnique(std::move(name), std::move(element))->name);
+      names.add(member->name);
       more = !tokens.atEnd() && tokens.Peek().type == Token::Comma;
       if (more) tokens.Get();
     }
@@ -679,9 +856,12 @@ inline double Reader::parseNumber(const Token& token) {
   const std::string& text = token.value;
   const char* const text_end = text.data() + text.size();
   if (numbersReadAsInCLocale()) {
-    // from_chars rounds as the stream does; whatever it does not accept whole takes the stream
-    // path below.
+    // from_chars rounds correctly, as the stream does; whatever it does not accept whole takes
+    // the stream path below.
     double value = 0.0;
+    if (text.size() >= 20 && reader_detail::readTwentyDigits(text.data(), text_end, value)) {
+      return value;
+    }
     const std::from_chars_result result = std::from_chars(text.data(), text_end, value);
     if (result.ec == std::errc() && result.ptr == text_end) return value;
   }
@@ -700,10 +880,14 @@ inline double Reader::parseNumber(const Token& token) {
 // differently there, and only the stream path gives the same result.
 inline bool Reader::numbersReadAsInCLocale() {
   if (locale_check_ == LocaleCheck::kUnchecked) {
-    const auto& punctuation = std::use_facet<std::numpunct<char>>(std::locale());
-    const bool plain = punctuation.decimal_point() == '.' &&
-                       (punctuation.grouping().empty() ||
-                        !reader_detail::isNumberCharacter(punctuation.thousands_sep()));
+    const std::locale global;
+    bool plain = global == std::locale::classic();
+    if (!plain) {
+      const auto& punctuation = std::use_facet<std::numpunct<char>>(global);
+      plain = punctuation.decimal_point() == '.' &&
+              (punctuation.grouping().empty() ||
+               !reader_detail::isNumberCharacter(punctuation.thousands_sep()));
+    }
     locale_check_ = plain ? LocaleCheck::kPlain : LocaleCheck::kLocalised;
   }
   return locale_check_ == LocaleCheck::kPlain;

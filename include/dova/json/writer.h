@@ -194,8 +194,7 @@ inline char* formatNumber(double value, char* out) {
   for (;;) {
     const int scale = 19 - decimal_exponent;
     if (scale > 32) {
-      return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20)
-          .ptr;
+      return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20).ptr;
     }
     const Uint128 scaled = Uint128{mantissa} * kPowersOfFive[static_cast<size_t>(scale)];
     const int twos = exponent + scale;
@@ -409,9 +408,10 @@ inline void Writer::writeUnicodeEscape(unsigned code) {
   stream_.fill('0');
   if (formatsEscapesPlainly()) {
     static constexpr char kDigits[] = "0123456789abcdef";
-    const char escape[6] = {'\\', 'u', kDigits[(code >> 12) & 0xF], kDigits[(code >> 8) & 0xF],
-                            kDigits[(code >> 4) & 0xF], kDigits[code & 0xF]};
-    append(escape, sizeof escape);
+    char escape[] = "\\u0000";
+    for (int digit = 0; digit < 4; ++digit)
+      escape[5 - digit] = kDigits[(code >> (4 * digit)) & 0xF];
+    append(escape, sizeof escape - 1);
     // As after a formatted insertion: the width is used up, unless the stream refused output.
     stream_.width(stream_.good() ? 0 : 4);
   } else {
@@ -457,9 +457,9 @@ inline void Writer::drain() {
 }
 
 inline bool Writer::formatsNumbersPlainly() {
-  constexpr std::ios_base::fmtflags kFormatting = std::ios_base::floatfield |
-                                                  std::ios_base::showpos |
-                                                  std::ios_base::showpoint | std::ios_base::uppercase;
+  constexpr std::ios_base::fmtflags kFormatting =
+      std::ios_base::floatfield | std::ios_base::showpos | std::ios_base::showpoint |
+      std::ios_base::uppercase;
   return (stream_.flags() & kFormatting) == 0 && stream_.width() == 0 && hasPlainLocale();
 }
 
