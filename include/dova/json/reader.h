@@ -369,22 +369,27 @@ inline const char* findStringRunEnd(const char* begin, const char* end) {
   return begin;
 }
 
-constexpr Reader::Token::Type punctuationType(int code) {
-  switch (code) {
-    case '{':
-      return Reader::Token::ObjectBegin;
-    case '}':
-      return Reader::Token::ObjectEnd;
-    case '[':
-      return Reader::Token::ArrayBegin;
-    case ']':
-      return Reader::Token::ArrayEnd;
-    case ',':
-      return Reader::Token::Comma;
-    default:
-      return Reader::Token::Colon;
-  }
-}
+// The type of the token each character starts, or -1 when none does.
+constexpr std::array<int8_t, 256> kStartedTokens = [] {
+  std::array<int8_t, 256> types{};
+  for (int8_t& type : types) type = -1;
+  const auto set = [&types](char character, Reader::Token::Type type) {
+    types[static_cast<unsigned char>(character)] = static_cast<int8_t>(type);
+  };
+  set('{', Reader::Token::ObjectBegin);
+  set('}', Reader::Token::ObjectEnd);
+  set('[', Reader::Token::ArrayBegin);
+  set(']', Reader::Token::ArrayEnd);
+  set(',', Reader::Token::Comma);
+  set(':', Reader::Token::Colon);
+  set('"', Reader::Token::StringToken);
+  set('t', Reader::Token::BooleanToken);
+  set('f', Reader::Token::BooleanToken);
+  set('n', Reader::Token::NullToken);
+  set('-', Reader::Token::NumberToken);
+  for (char digit = '0'; digit <= '9'; ++digit) set(digit, Reader::Token::NumberToken);
+  return types;
+}();
 
 __extension__ typedef unsigned __int128 Uint128;
 
@@ -542,54 +547,39 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
 
     Token& token = tokens.emplace_back();
     token.begin = input.location();
-    switch (code) {
-      case '{':
-      case '}':
-      case '[':
-      case ']':
-      case ',':
-      case ':':
-        token.type = reader_detail::punctuationType(code);
+    // Dispatching on the token's type, looked up by its first character, compiles to a jump
+    // table where a switch on the character would be a chain of comparisons.
+    const int started = reader_detail::kStartedTokens[static_cast<size_t>(code)];
+    if (started < 0) {
+      throw ScanException(
+          "Unexpected character in stream: " + std::string(1, Traits::to_char_type(code)),
+          input.location());
+    }
+    token.type = static_cast<Token::Type>(started);
+    switch (token.type) {
+      case Token::ObjectBegin:
+      case Token::ObjectEnd:
+      case Token::ArrayBegin:
+      case Token::ArrayEnd:
+      case Token::Comma:
+      case Token::Colon:
         token.value.push_back(Traits::to_char_type(code));
         input.skipInLine(1);
         break;
-      case '"':
-        token.type = Token::StringToken;
+      case Token::StringToken:
         MatchString(input, token.value);
         break;
-      case 't':
-        token.type = Token::BooleanToken;
-        MatchExpectedString(input, "true");
-        token.value = "true";
+      case Token::BooleanToken:
+        token.value = code == 't' ? "true" : "false";
+        MatchExpectedString(input, token.value);
         break;
-      case 'f':
-        token.type = Token::BooleanToken;
-        MatchExpectedString(input, "false");
-        token.value = "false";
-        break;
-      case 'n':
-        token.type = Token::NullToken;
-        MatchExpectedString(input, "null");
+      case Token::NullToken:
         token.value = "null";
+        MatchExpectedString(input, token.value);
         break;
-      case '-':
-      case '0':
-      case '1':
-      case '2':
-      case '3':
-      case '4':
-      case '5':
-      case '6':
-      case '7':
-      case '8':
-      case '9':
-        token.type = Token::NumberToken;
+      case Token::NumberToken:
         matchNumber(input, token.value);
         break;
-      default:
-        throw ScanException(
-            "Unexpected character in stream: " + std::string(1, Traits::to_char_type(code)),
-            input.location());
     }
     token.end = input.location();
   }
