@@ -82,8 +82,83 @@ void emitValue(YAML::Emitter& out, const std::string& value) {
 
 void emitValue(YAML::Emitter& out, const std::vector<double>& values) {
   out << YAML::Flow << YAML::BeginSeq;
-  for (double value : values) out << exactDoubleText(value);
+  // Plain, so that they read as numbers whatever the emitter's string format.
+  for (double value : values) out << YAML::Auto << exactDoubleText(value);
   out << YAML::EndSeq;
+}
+
+bool sameDouble(double left, double right) {
+  // .nan reads back as a NaN, though not with the same sign or payload bits.
+  if (std::isnan(left) || std::isnan(right)) return std::isnan(left) && std::isnan(right);
+  return std::memcmp(&left, &right, sizeof left) == 0;
+}
+
+// Whether `root`, read back from the emitted text, holds exactly `value` under `key`.
+bool readsBack(const YAML::Node& root, const std::string& key, const std::string& value) {
+  const YAML::Node node = root[key];
+  return node.IsDefined() && node.IsScalar() && node.Scalar() == value;
+}
+
+bool readsBack(const YAML::Node& root, const std::string& key, const std::vector<double>& values) {
+  const YAML::Node node = root[key];
+  if (!node.IsDefined() || !node.IsSequence() || node.size() != values.size()) return false;
+  for (size_t index = 0; index < values.size(); ++index) {
+    double number = 0.0;
+    const YAML::Node element = node[index];
+    if (!element.IsScalar() || !YAML::convert<double>::decode(element, number) ||
+        !sameDouble(number, values[index])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Nodes compared, and levels descended, before giving up: through aliases a small file can
+// describe a huge tree, or one that contains itself.
+constexpr size_t kMaxComparedNodes = 100000;
+constexpr int kMaxComparedDepth = 512;
+
+// The non-specific tags "?" (plain) and "!" (quoted) only record how a scalar was written, which
+// the emitter chooses anew; only an explicit tag is part of the value.
+std::string explicitTag(const YAML::Node& node) {
+  const std::string& tag = node.Tag();
+  return tag == "?" || tag == "!" ? std::string() : tag;
+}
+
+// Whether `written`, read back from emitted text, is `original`: same kinds, explicit tags,
+// scalars and order. Each node compared spends one of `budget`; `depth` is the node's level.
+bool sameNode(const YAML::Node& original, const YAML::Node& written, size_t& budget, int depth) {
+  if (budget == 0 || depth > kMaxComparedDepth) return false;
+  --budget;
+  if (original.Type() != written.Type() || explicitTag(original) != explicitTag(written)) {
+    return false;
+  }
+  if (original.IsScalar()) return original.Scalar() == written.Scalar();
+  if (!original.IsSequence() && !original.IsMap()) return true;
+  if (original.size() != written.size()) return false;
+  for (auto left = original.begin(), right = written.begin(); left != original.end();
+       ++left, ++right) {
+    const bool same = original.IsMap()
+                          ? sameNode(left->first, right->first, budget, depth + 1) &&
+                                sameNode(left->second, right->second, budget, depth + 1)
+                          : sameNode(*left, *right, budget, depth + 1);
+    if (!same) return false;
+  }
+  return true;
+}
+
+// Whether every entry of `original` but the values under `key` comes back unchanged, in order,
+// from `written`.
+bool keepsOtherEntries(const YAML::Node& original, const YAML::Node& written,
+                       const std::string& key) {
+  size_t budget = kMaxComparedNodes;
+  auto right = written.begin();
+  for (auto left = original.begin(); left != original.end(); ++left, ++right) {
+    if (right == written.end() || !sameNode(left->first, right->first, budget, 1)) return false;
+    const bool replaced = left->first.IsScalar() && left->first.Scalar() == key;
+    if (!replaced && !sameNode(left->second, right->second, budget, 1)) return false;
+  }
+  return true;
 }
 
 class TemporaryFile {
@@ -181,9 +256,13 @@ void replaceFile(const std::string& path, const std::string& text) {
   syncDirectory(directory);
 }
 
+// The document `root` with `value` under `key`, as YAML text. With `quote_strings` every string
+// but the numbers of a list is written double-quoted instead of in the style the emitter picks.
 template <typename Value>
-void store(const std::string& path, YAML::Node& root, const std::string& key, const Value& value) {
+std::string emitDocument(const std::string& path, const YAML::Node& root, const std::string& key,
+                         const Value& value, bool quote_strings) {
   YAML::Emitter out;
+  if (quote_strings) out.SetStringFormat(YAML::DoubleQuoted);
   out << YAML::BeginMap;
   bool written = false;
   for (const auto& entry : root) {
@@ -202,12 +281,52 @@ void store(const std::string& path, YAML::Node& root, const std::string& key, co
   }
   out << YAML::EndMap;
   if (!out.good()) fail(path, std::string("cannot encode the document: ") + out.GetLastError());
-
   std::string text = out.c_str();
   text += '\n';
+  return text;
+}
+
+// Reads `text` back into `reloaded` and answers what in it differs from `root` with `value` under
+// `key`, or "" when nothing does.
+template <typename Value>
+std::string writtenBackDifference(const std::string& text, const YAML::Node& root,
+                                  const std::string& key, const Value& value,
+                                  YAML::Node& reloaded) {
+  try {
+    reloaded = YAML::Load(text);
+  } catch (const YAML::Exception& error) {
+    return std::string("cannot encode the document: ") + error.what();
+  }
+  if (!readsBack(reloaded, key, value)) {
+    return "the value of \"" + key +
+           "\" cannot be stored as it is: YAML text must be valid UTF-8 without noncharacters";
+  }
+  if (!keepsOtherEntries(root, reloaded, key)) {
+    return "the file holds a value that cannot be written back unchanged, or aliases that make "
+           "it too large or too deep to compare (text must be valid UTF-8 without "
+           "noncharacters)";
+  }
+  return std::string();
+}
+
+template <typename Value>
+void store(const std::string& path, YAML::Node& root, const std::string& key, const Value& value) {
+  // The emitter silently replaces what YAML text cannot hold (bytes that are not UTF-8,
+  // noncharacters), so the text is read back before it replaces the file: neither the new value
+  // nor any other may change on its way to disk.
+  YAML::Node reloaded;
+  std::string text = emitDocument(path, root, key, value, false);
+  std::string difference = writtenBackDifference(text, root, key, value, reloaded);
+  if (!difference.empty()) {
+    // The style the emitter picks for a string can lose characters (a plain scalar ending in
+    // a carriage return); double quotes escape them all.
+    text = emitDocument(path, root, key, value, true);
+    difference = writtenBackDifference(text, root, key, value, reloaded);
+  }
+  if (!difference.empty()) fail(path, difference + "; nothing was written");
   replaceFile(path, text);
   // Only now that the file holds it does the document change.
-  root = YAML::Load(text);
+  root = reloaded;
 }
 
 }  // namespace

@@ -35,7 +35,9 @@ class Param {
 
   // Stores `value` under `key` and writes the file, creating missing parent
   // directories. Throws std::runtime_error naming the file and the reason when
-  // it cannot be written; the file on disk and this Param are then unchanged.
+  // it cannot be written, or when the written text would not read back as this
+  // value and every other value unchanged (text that is not valid UTF-8 or
+  // holds noncharacters); the file on disk and this Param are then unchanged.
   void set(const std::string& key, const std::string& value);
   void set(const std::string& key, const std::vector<double>& value);
 

@@ -1,0 +1,43 @@
+// Which texts come back unchanged when the JSON writer (or a message's echo) quotes them and the
+// JSON reader reads the quoted text again.
+#ifndef KORCOMMON_FUZZ_JSON_ESCAPING_H_
+#define KORCOMMON_FUZZ_JSON_ESCAPING_H_
+
+#include <cstddef>
+#include <string>
+
+namespace korcommon::fuzz {
+
+// The writer turns every two- and three-byte UTF-8 sequence into a \u escape and deliberately
+// accepts overlong forms and surrogate code points; the reader decodes an escape to the
+// shortest UTF-8 form and pairs surrogates. So a text survives exactly when each sequence the
+// writer converts is already the shortest form of a code point that is not a surrogate. Every
+// other byte (raw controls, four-byte sequences, stray continuation bytes) passes through both
+// unchanged.
+inline bool survivesJsonEscaping(const std::string& text) {
+  const auto byteAt = [&text](size_t index) { return static_cast<unsigned char>(text[index]); };
+  const auto isContinuation = [&byteAt](size_t index) { return (byteAt(index) & 0xC0) == 0x80; };
+  size_t next = 0;
+  while (next < text.size()) {
+    const unsigned lead = byteAt(next);
+    const size_t left = text.size() - next;
+    if ((lead & 0xE0) == 0xC0 && left >= 2 && isContinuation(next + 1)) {
+      const unsigned code = ((lead & 0x1Fu) << 6) | (byteAt(next + 1) & 0x3Fu);
+      if (code < 0x80) return false;
+      next += 2;
+    } else if ((lead & 0xF0) == 0xE0 && left >= 3 && isContinuation(next + 1) &&
+               isContinuation(next + 2)) {
+      const unsigned code =
+          ((lead & 0x0Fu) << 12) | ((byteAt(next + 1) & 0x3Fu) << 6) | (byteAt(next + 2) & 0x3Fu);
+      if (code < 0x800 || (code & 0xF800) == 0xD800) return false;
+      next += 3;
+    } else {
+      ++next;
+    }
+  }
+  return true;
+}
+
+}  // namespace korcommon::fuzz
+
+#endif  // KORCOMMON_FUZZ_JSON_ESCAPING_H_
