@@ -28,6 +28,7 @@
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "korcommon/log.h"
+#include "scoped_env.h"
 
 namespace {
 
@@ -42,31 +43,7 @@ constexpr int kFatal = 16;
 
 pid_t kernelThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
-// Sets (or, with nullopt, removes) one environment variable for a scope and
-// puts the previous state back afterwards.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) previous_ = old;
-    apply(value);
-  }
-  ~ScopedEnv() { apply(previous_); }
-
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  void apply(const std::optional<std::string>& value) {
-    if (value) {
-      setenv(name_, value->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+using korcommon::testing::ScopedEnv;
 
 // Stands in for the middleware's node handle: ok() answers what the test
 // says, and log() keeps every record it is handed. Thread-safe.

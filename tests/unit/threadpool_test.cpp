@@ -21,6 +21,7 @@
 
 #include "dova/time.h"
 #include "dova/trace.h"
+#include "scoped_env.h"
 #include "trace_capture.h"
 
 namespace {
@@ -156,30 +157,7 @@ void spendMilliseconds(double ms) {
   if (ms >= 50.0) last_slow_task_end.store(wallSeconds());
 }
 
-// Sets (or, with nullopt, removes) one environment variable for a scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) previous_ = old;
-    apply(value);
-  }
-  ~ScopedEnv() { apply(previous_); }
-
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  void apply(const std::optional<std::string>& value) {
-    if (value) {
-      setenv(name_, value->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+using korcommon::testing::ScopedEnv;
 
 std::string currentThreadName() {
   char name[17] = {};
