@@ -294,17 +294,20 @@ std::string writtenBackDifference(const std::string& text, const YAML::Node& roo
                                   YAML::Node& reloaded) {
   try {
     reloaded = YAML::Load(text);
+    // Raw bytes the emitter copies can even change how the text is decoded (0xFE 0xFF at its
+    // start reads as a UTF-16 byte order mark).
+    if (!reloaded.IsMap()) return "cannot encode the document: it does not read back as a mapping";
+    if (!readsBack(reloaded, key, value)) {
+      return "the value of \"" + key +
+             "\" cannot be stored as it is: YAML text must be valid UTF-8 without noncharacters";
+    }
+    if (!keepsOtherEntries(root, reloaded, key)) {
+      return "the file holds a value that cannot be written back unchanged, or aliases that make "
+             "it too large or too deep to compare (text must be valid UTF-8 without "
+             "noncharacters)";
+    }
   } catch (const YAML::Exception& error) {
     return std::string("cannot encode the document: ") + error.what();
-  }
-  if (!readsBack(reloaded, key, value)) {
-    return "the value of \"" + key +
-           "\" cannot be stored as it is: YAML text must be valid UTF-8 without noncharacters";
-  }
-  if (!keepsOtherEntries(root, reloaded, key)) {
-    return "the file holds a value that cannot be written back unchanged, or aliases that make "
-           "it too large or too deep to compare (text must be valid UTF-8 without "
-           "noncharacters)";
   }
   return std::string();
 }
