@@ -22,9 +22,16 @@ foreach(expected
   endif()
 endforeach()
 
+# Libraries built with sanitizers need their runtime in the program itself.
+set(sanitizer_flags "")
+if(SANITIZERS)
+  set(sanitizer_flags "-fsanitize=${SANITIZERS}")
+endif()
+
 # 1. CMake package.
 run(${CMAKE_COMMAND} -S "${CONSUMER_DIR}" -B "${WORK_DIR}/cmake-build"
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
+    "-DCMAKE_CXX_FLAGS=${sanitizer_flags}")
 run(${CMAKE_COMMAND} --build "${WORK_DIR}/cmake-build")
 run("${WORK_DIR}/cmake-build/consumer")
 message(STATUS "${last_output}")
@@ -34,7 +41,7 @@ set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
 run(pkg-config --cflags --libs korcommon)
 string(STRIP "${last_output}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run(${CXX_COMPILER} "${CONSUMER_DIR}/consumer.cpp" ${flags} "-Wl,-rpath,${prefix}/lib"
+run(${CXX_COMPILER} ${sanitizer_flags} "${CONSUMER_DIR}/consumer.cpp" ${flags} "-Wl,-rpath,${prefix}/lib"
     -o "${WORK_DIR}/pkg-consumer")
 run("${WORK_DIR}/pkg-consumer")
 message(STATUS "${last_output}")
