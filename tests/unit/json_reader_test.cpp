@@ -331,7 +331,7 @@ TEST(JsonReader, NumbersMatchStreamExtractionBitForBit) {
       if (std::strlen(text) < sizeof text - 1) tokens.push_back(text);
     }
     const double spread = std::pow(10.0, decimal_exponent(random));
-    for (const char* format : {"%.20g", "%.19e", "%.15g"}) {
+    for (const char* format : {"%.20g", "%.19e", "%.15g", "%.4f", "%.7g", "%.2e"}) {
       std::snprintf(text, sizeof text, format, spread);
       tokens.push_back(text);
     }

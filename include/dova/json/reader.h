@@ -108,6 +108,14 @@ class Reader {
   static void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
 
   std::string& MatchExpectedToken(Token::Type type, TokenStream& tokens);
+  // The throws stay out of line, so the scanning and parsing loops stay small.
+  [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedToken(const Token& token) {
+    throw ParseException("Unexpected token: " + token.value, token.begin, token.end);
+  }
+  [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedCharacter(
+      char character, const Location& where) {
+    throw ScanException("Unexpected character in stream: " + std::string(1, character), where);
+  }
   void Parse(UnknownElement& element, TokenStream& tokens);
   void Parse(Object& object, TokenStream& tokens);
   void Parse(Array& array, TokenStream& tokens);
@@ -248,10 +256,7 @@ class Reader::TokenStream {
   // The current token; at the end, throws "Unexpected end of token stream" at the last token
   // (at the start of the input when there is none).
   Token& Peek() {
-    if (atEnd()) {
-      const Token last = tokens_.empty() ? Token() : tokens_.back();
-      throw ParseException("Unexpected end of token stream", last.begin, last.end);
-    }
+    if (atEnd()) throwUnexpectedEnd();
     return tokens_[next_];
   }
 
@@ -259,6 +264,12 @@ class Reader::TokenStream {
   void Get() { ++next_; }
 
  private:
+  // Apart from Peek, which then stays small enough to be inlined in the parsing loops.
+  [[noreturn, gnu::noinline, gnu::cold]] void throwUnexpectedEnd() const {
+    const Token last = tokens_.empty() ? Token() : tokens_.back();
+    throw ParseException("Unexpected end of token stream", last.begin, last.end);
+  }
+
   Tokens& tokens_;
   size_t next_ = 0;
 };
@@ -437,36 +448,50 @@ inline double roundToDouble(Uint128 integer, int exponent, bool inexact) {
   return value;
 }
 
-// Reads [begin, end) when it is a number in strict JSON form with exactly 20 significant
-// digits, as the writer produces them, and a power of ten from -27 to 18, which 128-bit
-// integers convert exactly; std::from_chars is slow on such numbers. Returns false, leaving
-// `value`, for any other text.
-inline bool readTwentyDigits(const char* begin, const char* end, double& value) {
+// Powers of ten that doubles hold exactly.
+constexpr std::array<double, 23> kExactPowersOfTen = {
+    1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// Reads [begin, end) when it is a number in strict JSON form that converts exactly without
+// std::from_chars: up to 2^53 with a power of ten doubles hold exactly (most numbers
+// documents hold), or exactly 20 significant digits, as the writer produces them, with a power
+// of ten from -27 to 18, which 128-bit integers convert exactly (std::from_chars is slow on
+// those). Returns false, leaving `value`, for any other text.
+inline bool readShortDecimal(const char* begin, const char* end, double& value) {
+  constexpr int kMostDigits = 20;
+  constexpr int kDigitsOf64Bits = 19;
   const char* next = begin;
   const bool negative = next != end && *next == '-';
   if (negative) ++next;
   if (next == end || !isDigit(*next)) return false;
-  Uint128 digits = 0;
+  uint64_t leading = 0;  // the first 19 significant digits
+  unsigned twentieth = 0;
   int count = 0;
   int exponent = 0;
-  const auto addDigit = [&digits, &count](char digit) {
-    digits = digits * 10 + static_cast<unsigned>(digit - '0');
+  const auto addDigit = [&](char digit) {
+    const auto digit_value = static_cast<unsigned>(digit - '0');
+    if (count < kDigitsOf64Bits) {
+      leading = leading * 10 + digit_value;
+    } else {
+      twentieth = digit_value;
+    }
     ++count;
   };
   if (*next == '0') {
     ++next;
   } else {
-    for (; next != end && isDigit(*next) && count <= 20; ++next) addDigit(*next);
+    for (; next != end && isDigit(*next) && count <= kMostDigits; ++next) addDigit(*next);
   }
   if (next != end && *next == '.') {
     const char* const fraction = ++next;
-    for (; next != end && isDigit(*next) && count <= 20; ++next) {
+    for (; next != end && isDigit(*next) && count <= kMostDigits; ++next) {
       --exponent;
-      if (digits != 0 || *next != '0') addDigit(*next);  // leading zeros are not significant
+      if (count != 0 || *next != '0') addDigit(*next);  // leading zeros are not significant
     }
     if (next == fraction) return false;
   }
-  if (count != 20) return false;
+  if (count > kMostDigits) return false;
   if (next != end && (*next == 'e' || *next == 'E')) {
     ++next;
     const bool negative_exponent = next != end && *next == '-';
@@ -479,22 +504,35 @@ inline bool readTwentyDigits(const char* begin, const char* end, double& value) 
     if (next == written) return false;
     exponent += negative_exponent ? -power : power;
   }
-  if (next != end || exponent > 18 || exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
-    return false;
-  }
+  if (next != end) return false;
   double magnitude;
-  if (exponent >= 0) {
-    Uint128 product = digits;
-    for (int power = 0; power < exponent; ++power) product *= 10;
-    magnitude = roundToDouble(product, 0, false);
+  if (count == 0) {
+    magnitude = 0.0;
+  } else if (count < kMostDigits && leading <= (uint64_t{1} << 53) &&
+             exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1) &&
+             exponent < static_cast<int>(kExactPowersOfTen.size())) {
+    // Both operands exact, so the one rounding of the product or quotient is the right one.
+    const auto digits = static_cast<double>(leading);
+    magnitude = exponent < 0 ? digits / kExactPowersOfTen[static_cast<size_t>(-exponent)]
+                             : digits * kExactPowersOfTen[static_cast<size_t>(exponent)];
+  } else if (count != kMostDigits || exponent > 18 ||
+             exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
+    return false;
   } else {
-    // digits / 10^k = (digits * 2^shift / 5^k) * 2^-(shift + k); the quotient keeps more
-    // than 64 bits and the remainder tells whether the division was exact.
-    const int k = -exponent;
-    const uint64_t divisor = kPowersOfFive[static_cast<size_t>(k)];
-    const int shift = 127 - highestBit(digits);
-    const Uint128 scaled = digits << shift;
-    magnitude = roundToDouble(scaled / divisor, -(shift + k), scaled % divisor != 0);
+    const Uint128 digits = Uint128{leading} * 10 + twentieth;
+    if (exponent >= 0) {
+      Uint128 product = digits;
+      for (int power = 0; power < exponent; ++power) product *= 10;
+      magnitude = roundToDouble(product, 0, false);
+    } else {
+      // digits / 10^k = (digits * 2^shift / 5^k) * 2^-(shift + k); the quotient keeps more
+      // than 64 bits and the remainder tells whether the division was exact.
+      const int k = -exponent;
+      const uint64_t divisor = kPowersOfFive[static_cast<size_t>(k)];
+      const int shift = 127 - highestBit(digits);
+      const Uint128 scaled = digits << shift;
+      magnitude = roundToDouble(scaled / divisor, -(shift + k), scaled % divisor != 0);
+    }
   }
   value = negative ? -magnitude : magnitude;
   return true;
@@ -529,9 +567,7 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
     // As the stream functions answer a failed stream: no input at all when it is at its end,
     // otherwise the end-of-file value read as a character.
     if (input.streamAtEof()) return;
-    throw ScanException(
-        "Unexpected character in stream: " + std::string(1, Traits::to_char_type(Traits::eof())),
-        input.location());
+    throwUnexpectedCharacter(Traits::to_char_type(Traits::eof()), input.location());
   }
   // in_avail() is the whole remaining text for string streams and a lower bound otherwise.
   tokens.reserve(static_cast<size_t>(std::clamp<std::streamsize>(
@@ -550,11 +586,7 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
     // Dispatching on the token's type, looked up by its first character, compiles to a jump
     // table where a switch on the character would be a chain of comparisons.
     const int started = reader_detail::kStartedTokens[static_cast<size_t>(code)];
-    if (started < 0) {
-      throw ScanException(
-          "Unexpected character in stream: " + std::string(1, Traits::to_char_type(code)),
-          input.location());
-    }
+    if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), input.location());
     token.type = static_cast<Token::Type>(started);
     switch (token.type) {
       case Token::ObjectBegin:
@@ -565,7 +597,11 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
       case Token::Colon:
         token.value.push_back(Traits::to_char_type(code));
         input.skipInLine(1);
-        break;
+        // One character on the same line: cheaper than asking the input again.
+        token.end = token.begin;
+        ++token.end.column;
+        ++token.end.offset;
+        continue;
       case Token::StringToken:
         MatchString(input, token.value);
         break;
@@ -737,11 +773,10 @@ inline void Reader::appendUnicodeEscape(InputStream& input, std::string& text,
 inline std::string& Reader::MatchExpectedToken(Token::Type type, TokenStream& tokens) {
   Token& token = tokens.Peek();
   tokens.Get();
-  if (token.type != type) {
-    throw ParseException("Unexpected token: " + token.value, token.begin, token.end);
-  }
+  if (token.type != type) throwUnexpectedToken(token);
   return token.value;
 }
+
 
 inline void Reader::enterContainer(const Token& opening) {
   if (++nesting_depth_ > kMaxNestingDepth) {
@@ -783,7 +818,7 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
       element.release();
       break;
     default:
-      throw ParseException("Unexpected token: " + token.value, token.begin, token.end);
+      throwUnexpectedToken(token);
   }
 }
 
@@ -849,9 +884,7 @@ inline double Reader::parseNumber(const Token& token) {
     // from_chars rounds correctly, as the stream does; whatever it does not accept whole takes
     // the stream path below.
     double value = 0.0;
-    if (text.size() >= 20 && reader_detail::readTwentyDigits(text.data(), text_end, value)) {
-      return value;
-    }
+    if (reader_detail::readShortDecimal(text.data(), text_end, value)) return value;
     const std::from_chars_result result = std::from_chars(text.data(), text_end, value);
     if (result.ec == std::errc() && result.ptr == text_end) return value;
   }
