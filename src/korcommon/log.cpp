@@ -17,6 +17,7 @@
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
+#include "korcommon/trace_format.h"
 
 namespace korcommon {
 
@@ -220,7 +221,9 @@ void printScreenLine(int level, const char* file, int line, const char* text) {
     heap_buffer.reset(new char[static_cast<size_t>(size)]);
     buffer = heap_buffer.get();
   }
-  std::vsnprintf(buffer, static_cast<size_t>(size), format, arguments);
+  // vsnprintf's floating-point path was most of a passing call's cost;
+  // formatTrace writes the same bytes for a fraction of it.
+  detail::formatTrace(buffer, static_cast<size_t>(size), format, arguments);
 
   if (dova::nh()->ok()) publish(level, file, line, function, buffer);
   if (screenEnabled()) printScreenLine(level, file, line, buffer);
