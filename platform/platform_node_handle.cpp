@@ -9,8 +9,16 @@
 namespace dova::platform {
 
 namespace {
-constexpr char kDiagnosticsTopic[] = "/diagnostics_value";
-constexpr char kLogTopic[] = "/dova_log";
+// Built once: the bus takes topic names as strings, and building one for each
+// publication (a heap allocation for the longer name) showed in every call.
+const std::string& diagnosticsTopic() {
+  static const std::string topic = "/diagnostics_value";
+  return topic;
+}
+const std::string& logTopic() {
+  static const std::string topic = "/dova_log";
+  return topic;
+}
 }  // namespace
 
 PlatformNodeHandle::PlatformNodeHandle(std::string node_name, const Options& options)
@@ -29,7 +37,7 @@ void PlatformNodeHandle::diag(const diagnostic_msgs::DiagnosticValue& value) {
   copy->caller_id = node_name_;
   const std::string name = copy->name;
   // Latched per report name: a late subscriber gets the latest of each.
-  bus_.publish(kDiagnosticsTopic, std::move(copy), name);
+  bus_.publish(diagnosticsTopic(), std::move(copy), name);
 }
 
 void PlatformNodeHandle::log(const std::shared_ptr<const dova_msgs::Log>& record) {
@@ -42,7 +50,7 @@ void PlatformNodeHandle::log(const std::shared_ptr<const dova_msgs::Log>& record
     published = std::move(stamped);
   }
   // Latched per publisher: a late subscriber gets this node's latest record.
-  bus_.publish(kLogTopic, std::move(published), std::string());
+  bus_.publish(logTopic(), std::move(published), std::string());
 }
 
 void PlatformNodeHandle::negotiateTopics(SubscriberBase* subscriber) {
