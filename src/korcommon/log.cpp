@@ -11,12 +11,12 @@
 #include <ctime>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "dova/init.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
+#include "korcommon/log_record_pool.h"
 #include "korcommon/trace_format.h"
 
 namespace korcommon {
@@ -98,32 +98,13 @@ const char* fileName(const char* file) {
   return slash == nullptr ? file : slash + 1;
 }
 
-// Makes shared objects with `new T` instead of `new T()`. Every member of a
-// record has its own initialiser, so value-initialisation would only add a
-// clearing of the whole record before the constructors run, on every call.
-template <typename T>
-struct DefaultInitAllocator : std::allocator<T> {
-  template <typename U>
-  struct rebind {
-    using other = DefaultInitAllocator<U>;
-  };
-  DefaultInitAllocator() = default;
-  template <typename U>
-  explicit DefaultInitAllocator(const DefaultInitAllocator<U>& /*other*/) noexcept {}
-
-  template <typename U>
-  void construct(U* object) {
-    ::new (static_cast<void*>(object)) U;
-  }
-  template <typename U, typename... Arguments>
-  void construct(U* object, Arguments&&... arguments) {
-    ::new (static_cast<void*>(object)) U(std::forward<Arguments>(arguments)...);
-  }
-};
-
 void publish(int level, const char* file, int line, const char* function, const char* text) {
-  auto record =
-      std::allocate_shared<dova::dova_msgs::Log>(DefaultInitAllocator<dova::dova_msgs::Log>());
+  // A recycled record holds an earlier message: every field is set here.
+  const std::shared_ptr<dova::dova_msgs::Log> record = detail::takeLogRecord();
+  record->header.seq = 0;
+  record->header.stamp = dova::Time::now();
+  record->header.frame_id.clear();
+  record->header.caller_id.clear();
   record->level = static_cast<int8_t>(level);
   record->name = dova::getNodeName();
   // Stamped with the sender's identity here, so the middleware need not copy
@@ -133,7 +114,7 @@ void publish(int level, const char* file, int line, const char* function, const 
   record->line = static_cast<uint32_t>(line);
   record->function = function;
   record->msg = text;
-  record->header.stamp = dova::Time::now();
+  record->topics.clear();
   const ThreadIds& ids = currentIds();
   record->pid = static_cast<uint64_t>(ids.pid);
   record->tid = static_cast<uint64_t>(ids.tid);

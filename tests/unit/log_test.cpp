@@ -5,14 +5,17 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // GCC 12 reports a false -Wmaybe-uninitialized inside <regex> in optimised
@@ -500,6 +503,118 @@ TEST_F(TraceLogger, ConcurrentCallsAndSetters) {
     EXPECT_TRUE(length == 15 || length == 79 || length == 143 || length == 200) << length;
     EXPECT_EQ(message, text.substr(0, length));
   }
+}
+
+// A node handle that passes every record to the test's function.
+class ForwardingNodeHandle : public dova::NodeHandleBase {
+ public:
+  explicit ForwardingNodeHandle(std::function<void(const LogRecord&)> forward)
+      : forward_(std::move(forward)) {}
+  bool ok() const override { return true; }
+  void log(const LogRecord& record) override { forward_(record); }
+
+ private:
+  std::function<void(const LogRecord&)> forward_;
+};
+
+// Installs `handle` for the scope.
+class ScopedNodeHandle {
+ public:
+  explicit ScopedNodeHandle(dova::NodeHandleBase* handle)
+      : previous_(dova::setNodeHandle(handle)) {}
+  ~ScopedNodeHandle() { dova::setNodeHandle(previous_); }
+  ScopedNodeHandle(const ScopedNodeHandle&) = delete;
+  ScopedNodeHandle& operator=(const ScopedNodeHandle&) = delete;
+
+ private:
+  dova::NodeHandleBase* previous_;
+};
+
+std::string numberedMessage(int number) {
+  // Long enough that the text lives on the heap, where a reused buffer shows.
+  return "message number " + std::to_string(number) + " of the recycling test";
+}
+
+TEST_F(TraceLogger, RecyclesRecordsOnlyOnceNothingReachesThem) {
+  constexpr int kCalls = 300;
+  // A record still held, or still watched through a weak_ptr, is never
+  // rewritten; a weak_ptr to a record nobody holds has expired.
+  std::vector<std::pair<int, LogRecord>> held;
+  std::vector<std::weak_ptr<const Log>> watched;
+  {
+    int call = 0;
+    ForwardingNodeHandle keeping([&](const LogRecord& record) {
+      if (call % 3 == 0) held.emplace_back(call, record);
+      watched.push_back(record);
+      ++call;
+    });
+    const ScopedNodeHandle installed(&keeping);
+    for (int i = 0; i < kCalls; ++i) {
+      korcommon::mtrace(kInfo, "c.cpp", i, "f", "%s", numberedMessage(i).c_str());
+    }
+  }
+  for (const auto& [number, record] : held) {
+    EXPECT_EQ(record->msg, numberedMessage(number));
+    EXPECT_EQ(record->line, static_cast<uint32_t>(number));
+  }
+  for (size_t i = 0; i < watched.size(); ++i) {
+    if (i % 3 != 0) {
+      EXPECT_TRUE(watched[i].expired()) << i;
+    }
+  }
+}
+
+TEST_F(TraceLogger, RecordsReleasedOnOtherThreadsAndAfterTheirThreadEnded) {
+  // A consumer thread checks and drops records while the logging thread goes
+  // on: a record reused before its consumer let go would show another text.
+  std::mutex mutex;
+  std::condition_variable ready;
+  std::vector<std::pair<int, LogRecord>> queue;
+  bool finished = false;
+  int call = 0;
+  ForwardingNodeHandle queueing([&](const LogRecord& record) {
+    std::lock_guard<std::mutex> lock(mutex);
+    queue.emplace_back(call++, record);
+    ready.notify_one();
+  });
+  const ScopedNodeHandle installed(&queueing);
+  int mismatches = 0;
+  int consumed = 0;
+  std::thread consumer([&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+      ready.wait(lock, [&] { return !queue.empty() || finished; });
+      if (queue.empty()) return;
+      std::vector<std::pair<int, LogRecord>> batch;
+      batch.swap(queue);
+      lock.unlock();
+      for (const auto& [number, record] : batch) {
+        if (record->msg != numberedMessage(number)) ++mismatches;
+        ++consumed;
+      }
+      batch.clear();  // released here, on the consumer's thread
+      lock.lock();
+    }
+  });
+  constexpr int kCalls = 20000;
+  for (int i = 0; i < kCalls; ++i) {
+    korcommon::mtrace(kInfo, "c.cpp", i, "f", "%s", numberedMessage(i).c_str());
+  }
+  // Records of a thread that has ended stay intact until their last holder
+  // drops them, and are freed then (AddressSanitizer checks both).
+  std::thread([&] {
+    for (int i = kCalls; i < kCalls + 8; ++i) {
+      korcommon::mtrace(kInfo, "c.cpp", i, "f", "%s", numberedMessage(i).c_str());
+    }
+  }).join();
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    finished = true;
+    ready.notify_one();
+  }
+  consumer.join();
+  EXPECT_EQ(consumed, kCalls + 8);
+  EXPECT_EQ(mismatches, 0);
 }
 
 // The record as the platform itself delivers it to a subscriber of "/dova_log",
