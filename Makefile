@@ -30,10 +30,12 @@ tour: deps
 	cmake --build --preset dev --target korcommon_cli
 	scripts/demo build/dev/tools/korcommon
 
+BENCHMARKS := bench_json bench_msgs bench_trace bench_diag
+
 bench: deps
 	cmake --preset release
-	cmake --build --preset release
-	for benchmark in build/release/bench/bench_*; do $$benchmark; done
+	cmake --build --preset release --target $(BENCHMARKS)
+	for benchmark in $(BENCHMARKS); do build/release/bench/$$benchmark || exit 1; done
 
 test-asan:
 	$(MAKE) test PRESET=asan

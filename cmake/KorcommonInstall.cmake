@@ -40,6 +40,10 @@ install(FILES
   "${PROJECT_BINARY_DIR}/korcommonConfigVersion.cmake"
   DESTINATION ${KORCOMMON_CMAKE_DIR})
 
+# The .pc file finds the prefix from its own place, so an install with
+# `cmake --install --prefix` elsewhere than the configured prefix still works.
+file(RELATIVE_PATH KORCOMMON_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" KORCOMMON_PC_TO_PREFIX "${KORCOMMON_PC_TO_PREFIX}")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/korcommon.pc.in"
   "${PROJECT_BINARY_DIR}/korcommon.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/korcommon.pc"

@@ -11,14 +11,13 @@
 #include <vector>
 
 #include "dds_transport.h"
+#include "dova/msgs/frame_check.h"
 #include "dova/trace.h"
 #include "platform_node_handle.h"
 
 namespace dova {
 
 namespace {
-
-constexpr size_t kCallerIdSize = 32;
 
 struct Runtime {
   std::mutex mutex;  // serialises init and shutdown
@@ -169,9 +168,9 @@ NodeHandleBase* setNodeHandle(NodeHandleBase* handle) {
 }
 
 std::string getCallerId(uint8_t* data, int len) {
-  if (data == nullptr || len < static_cast<int>(kCallerIdSize)) return std::string();
+  if (data == nullptr || len < static_cast<int>(msgs::kFramePrefixSize)) return std::string();
   const char* prefix = reinterpret_cast<const char*>(data);
-  return std::string(prefix, strnlen(prefix, kCallerIdSize));
+  return std::string(prefix, strnlen(prefix, msgs::kFramePrefixSize));
 }
 
 }  // namespace dova

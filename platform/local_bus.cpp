@@ -249,8 +249,12 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
       subscription->pool = pool->second;
     }
   }
-  // Set before publishers can see the subscription.
+  // Set before publishers can see the subscription: a mode-2 subscription
+  // refuses other checksums from its first delivery, its latched replay too.
   subscription->replaying = !subscription->pool && subscriber->getLatch();
+  if (handle_.mode == 2 && subscriber->negotiated()) {
+    subscription->expected_md5 = subscriber->getMsgMD5();
+  }
 
   std::vector<Delivery> replay;
   {
@@ -284,13 +288,24 @@ bool LocalBus::addSubscription(SubscriberBase* subscriber) {
           deliver(subscription, delivery, gate);
         });
     if (!listening) {
-      if (subscription->replaying) replayThenRelease(subscription, std::move(replay), gate_);
+      // The caller is told the subscription failed and may free the
+      // subscriber: nothing may deliver to it any more.
+      removeSubscription(subscription);
       return false;
     }
   }
   // Direct deliveries run user code, which must not run under the lock.
   if (subscription->replaying) replayThenRelease(subscription, std::move(replay), gate_);
   return true;
+}
+
+void LocalBus::removeSubscription(const std::shared_ptr<Subscription>& subscription) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto& list = subscriptions_[subscription->topic];
+  if (!list) return;
+  auto shrunk = std::make_shared<SubscriptionList>(*list);
+  shrunk->erase(std::remove(shrunk->begin(), shrunk->end(), subscription), shrunk->end());
+  list = std::move(shrunk);
 }
 
 void LocalBus::negotiate(SubscriberBase* subscriber) {

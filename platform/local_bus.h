@@ -68,6 +68,8 @@ class LocalBus {
  private:
   using SubscriptionList = std::vector<std::shared_ptr<Subscription>>;
 
+  // Takes a subscription back out of its topic's list (copy-on-write).
+  void removeSubscription(const std::shared_ptr<Subscription>& subscription);
   std::shared_ptr<const std::vector<uint8_t>> makeFrame(const Msg& message) const;
   // With nobody to deliver to, only refreshes the latched state, taking
   // `message`; false (and `message` untouched) when the topic has subscribers.

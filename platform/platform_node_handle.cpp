@@ -22,9 +22,7 @@ const std::string& logTopic() {
 }  // namespace
 
 PlatformNodeHandle::PlatformNodeHandle(std::string node_name, const Options& options)
-    : node_name_(std::move(node_name)),
-      options_(options),
-      bus_(node_name_, options.intra_process, *this) {
+    : node_name_(std::move(node_name)), bus_(node_name_, options.intra_process, *this) {
   inited = 1;
   mode = static_cast<uint32_t>(options.mode);
 }

@@ -26,7 +26,6 @@ class PlatformNodeHandle : public NodeHandleBase {
   void negotiateTopics(SubscriberBase* subscriber) override;
 
   const std::string& nodeName() const { return node_name_; }
-  const Options& options() const { return options_; }
   LocalBus& bus() { return bus_; }
 
   // Ends the handle's service: deliveries stop, the subscriptions' pools are
@@ -35,7 +34,6 @@ class PlatformNodeHandle : public NodeHandleBase {
 
  private:
   const std::string node_name_;
-  const Options options_;
   std::atomic<bool> running_{true};
   LocalBus bus_;
 };

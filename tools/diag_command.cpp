@@ -27,7 +27,6 @@ namespace {
 
 using dova::diagnostic_msgs::DiagnosticValue;
 using ReportPtr = std::shared_ptr<const DiagnosticValue>;
-using Seconds = std::chrono::duration<double>;
 
 constexpr char kDiagnosticsTopic[] = "/diagnostics_value";
 // As Diagnostics::subscribe: reports of the first 3 s are collected and shown together,
@@ -109,10 +108,6 @@ std::string reportJson(const DiagnosticValue& report) {
          ",\"frame_id\":" + dova::Msg::matchString2(report.header.frame_id) +
          ",\"stamp\":" + secondsText(report.header.stamp) +
          ",\"caller_id\":" + dova::Msg::matchString2(report.caller_id) + "}";
-}
-
-Clock::duration toDuration(double seconds) {
-  return std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
 }
 
 // A latched, reliable subscription to every reporter on "/diagnostics_value".

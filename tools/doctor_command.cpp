@@ -72,10 +72,7 @@ class NodeCensus {
     subscribed_ = dova::nh()->subscribe(diagnostics_, true, true, -1) &&
                   dova::nh()->subscribe(records_, true, true, -1);
     std::unique_lock<std::mutex> lock(session_.mutex());
-    session_.waitUntil(lock,
-                       Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                          std::chrono::duration<double>(wait_seconds)),
-                       [] { return false; });
+    session_.waitUntil(lock, Clock::now() + toDuration(wait_seconds), [] { return false; });
     closed_ = true;
   }
 

@@ -5,6 +5,8 @@
 #include <iostream>
 #include <string>
 
+#include "terminal.h"
+
 namespace korcommon::cli {
 
 // Exit statuses shared by every command, so scripts can rely on them.
@@ -18,17 +20,9 @@ enum ExitStatus : int {
 [[noreturn]] inline void exitWith(ExitStatus status) { throw CLI::RuntimeError(status); }
 
 // Prints "korcommon: <message>" on standard error and ends with `status`. Line breaks in the
-// message (which can quote received input) are shown as \n, so the error stays one line.
+// message (which can quote received input) are shown as \n and \r, so the error stays one line.
 [[noreturn]] inline void failWith(ExitStatus status, const std::string& message) {
-  std::string line = "korcommon: ";
-  for (const char c : message) {
-    if (c == '\n') {
-      line += "\\n";
-    } else {
-      line += c;
-    }
-  }
-  std::cerr << line << '\n';
+  std::cerr << "korcommon: " << oneLine(message) << '\n';
   exitWith(status);
 }
 

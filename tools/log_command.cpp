@@ -94,10 +94,7 @@ class LogEcho {
         colour_(!arguments.json && colourWanted(arguments.no_color)) {
     if (arguments.level_option->count() > 0) min_level_ = parseLogLevel(arguments.level);
     if (arguments.node_option->count() > 0) node_ = arguments.node;
-    if (arguments.timeout_option->count() > 0) {
-      timeout_ = std::chrono::duration_cast<Clock::duration>(
-          std::chrono::duration<double>(arguments.timeout));
-    }
+    if (arguments.timeout_option->count() > 0) timeout_ = toDuration(arguments.timeout);
   }
 
   ExitStatus run() {

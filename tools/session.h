@@ -10,6 +10,11 @@ namespace korcommon::cli {
 
 using Clock = std::chrono::steady_clock;
 
+// `seconds` as a duration of the commands' clock.
+inline Clock::duration toDuration(double seconds) {
+  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 // What ended a wait.
 enum class WaitEnd { kDone, kInterrupted, kDeadline };
 

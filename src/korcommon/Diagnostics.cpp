@@ -33,7 +33,8 @@ double monotonicSeconds() {
 }
 
 void handOver(const Diagnostics::Callback& callback, const std::shared_ptr<MsgMapInfo>& info) {
-  dova::Duration(3, 0).wallSleep();
+  // The hand-over comes once the collection window has closed.
+  dova::Duration(kCollectionSeconds).wallSleep();
   std::lock_guard<std::mutex> lock(info->mutex);
   for (const auto& entry : info->msgs) callback(entry.second);
   info->msgs.clear();

@@ -47,9 +47,8 @@ Value load(const char* function, const char* file, const char* key) {
   Value result;
   try {
     dova::Param param(file);
-    Value value;
-    if (!param.get(key, value)) value = Value();
-    result = std::move(value);
+    Value value;  // a wrong-shaped value throws and must not leave half of itself
+    if (param.get(key, value)) result = std::move(value);
   } catch (const std::exception& error) {
     detail::traceLiteral(dova::ERROR, __FILE__, __LINE__, function, error.what());
   }

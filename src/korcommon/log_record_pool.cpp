@@ -98,6 +98,11 @@ struct KeepRecord {
   void operator()(Log* /*record*/) const noexcept {}
 };
 
+// Set when the calling thread's slots are gone. A thread may still trace
+// then: from the destructor of another thread_local, or on the main thread
+// from a static destructor. Trivially destructible, so always readable.
+thread_local bool thread_records_gone = false;
+
 // The calling thread's slots, made as they are first needed.
 class ThreadRecords {
  public:
@@ -106,6 +111,7 @@ class ThreadRecords {
   ThreadRecords& operator=(const ThreadRecords&) = delete;
 
   ~ThreadRecords() {
+    thread_records_gone = true;
     for (RecordSlot* slot : slots_) {
       if (slot != nullptr) slot->abandon();
     }
@@ -133,8 +139,10 @@ class ThreadRecords {
 }  // namespace
 
 std::shared_ptr<Log> takeLogRecord() {
-  thread_local ThreadRecords records;
-  if (std::shared_ptr<Log> record = records.take()) return record;
+  if (!thread_records_gone) {
+    thread_local ThreadRecords records;
+    if (std::shared_ptr<Log> record = records.take()) return record;
+  }
   return std::make_shared<Log>();
 }
 

@@ -151,11 +151,9 @@ TEST_F(Stress, PublisherKilledMidStreamLeavesAnUnbrokenPrefix) {
   auto victim = probe({"publish", "victim", "1000000", "1", "1", "-1"});
   ASSERT_TRUE(check->waitForTotal(2000, 60s));
   victim->signal(SIGKILL);
-  victim->wait(10s);
-  const size_t at_kill = check->received();
+  victim->wait(10s);  // reaps it; a process ended by a signal has no exit status
   std::this_thread::sleep_for(500ms);  // let anything in flight land
   EXPECT_EQ(check->outOfOrder(), 0u) << "whatever arrived is an unbroken prefix";
-  EXPECT_GE(check->received(), at_kill);
 
   auto survivor = probe({"publish", "survivor", "100", "1", "1", "-1"});
   ASSERT_TRUE(check->waitForTotal(check->received() + 100, 60s)) << "the subscriber still works";

@@ -617,6 +617,20 @@ TEST_F(TraceLogger, RecordsReleasedOnOtherThreadsAndAfterTheirThreadEnded) {
   EXPECT_EQ(mismatches, 0);
 }
 
+// Destroyed after the logger's own per-thread state, and traces then.
+struct TracesWhenDestroyed {
+  ~TracesWhenDestroyed() { korcommon::mtrace(kInfo, "c.cpp", 2, "f", "%s", "thread ending"); }
+};
+
+TEST_F(TraceLogger, TracesFromTheLastDestructorsOfAThread) {
+  std::thread([] {
+    thread_local TracesWhenDestroyed tracer;
+    (void)&tracer;
+    korcommon::mtrace(kInfo, "c.cpp", 1, "f", "%s", "thread running");
+  }).join();
+  EXPECT_EQ(publishedMessages(), (std::vector<std::string>{"thread running", "thread ending"}));
+}
+
 // The record as the platform itself delivers it to a subscriber of "/dova_log",
 // including the latched record a late subscriber receives on joining.
 TEST_F(TraceLogger, ReachesSubscribersThroughThePlatform) {

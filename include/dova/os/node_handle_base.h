@@ -11,6 +11,7 @@
 #include <string>
 
 #include "dova/guid.h"
+#include "dova/msgs/frame_check.h"
 #include "dova/msgs/msg.h"
 #include "dova/os/threadpool.h"
 #include "dova/trace.h"
@@ -101,16 +102,17 @@ class Subscriber : public SubscriberBase {
     msg_def = msg.getDefinition();
   }
 
-  // Called with data + 32 and len - 32 as the encoding; the frame length is
+  // Decodes what follows the frame's transport prefix; the frame length is
   // deliberately not checked here: the platform checks every frame first.
   void callback(uint8_t* data, int len) override {
     if (!enabled) return;
+    constexpr int kPrefixLength = static_cast<int>(msgs::kFramePrefixSize);
     switch (callback_kind) {
       case 0:
       case 1: {
         T value;
         value.caller_id = getCallerId(data, len);
-        value.deserialize(data + 32, len - 32);
+        value.deserialize(data + msgs::kFramePrefixSize, len - kPrefixLength);
         if (callback_kind == 0) {
           callback_ref(value);
         } else {
@@ -122,7 +124,7 @@ class Subscriber : public SubscriberBase {
       case 3: {
         auto decoded = std::make_unique<T>();
         decoded->caller_id = getCallerId(data, len);
-        static_cast<Msg&>(*decoded).deserialize(data + 32, len - 32);
+        static_cast<Msg&>(*decoded).deserialize(data + msgs::kFramePrefixSize, len - kPrefixLength);
         // Owned from here on and deleted through its concrete type: Msg has
         // no virtual destructor.
         const std::shared_ptr<const T> value(std::move(decoded));
