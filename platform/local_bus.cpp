@@ -58,6 +58,12 @@ class DeliveryGate {
 
   bool closed() const { return closed_.load(); }
 
+  // Whether the calling thread is inside one of this gate's deliveries.
+  bool admitsThisThread() const {
+    const std::vector<const DeliveryGate*>& mine = admissionsOfThisThread();
+    return std::find(mine.begin(), mine.end(), this) != mine.end();
+  }
+
   // Refuses every later delivery and waits until the admitted ones are done,
   // except those of the calling thread: a subscriber that stops the
   // middleware from inside its own delivery must not wait for itself.
@@ -375,6 +381,8 @@ bool LocalBus::latchOnly(const std::string& topic, std::shared_ptr<const Msg>& m
   replaced = std::exchange(latched.message, std::move(message));
   return true;
 }
+
+bool LocalBus::deliveringOnThisThread() const { return gate_->admitsThisThread(); }
 
 int LocalBus::remoteSubscribers(const std::string& topic) {
   return transport_ && !gate_->closed() ? transport_->matchedSubscribers(topic) : 0;

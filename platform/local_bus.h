@@ -60,6 +60,10 @@ class LocalBus {
   // `topic` reach; 0 without a transport.
   int remoteSubscribers(const std::string& topic);
 
+  // Whether the calling thread is running one of this bus's deliveries (a
+  // subscriber's function).
+  bool deliveringOnThisThread() const;
+
   // Stops every delivery; later publications are dropped. Returns once no
   // delivery of this bus is running any more (apart from the caller's own,
   // when a subscriber's function calls it), so a subscriber may be freed then.

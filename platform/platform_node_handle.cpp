@@ -1,6 +1,7 @@
 #include "platform_node_handle.h"
 
 #include <map>
+#include <thread>
 #include <utility>
 
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
@@ -58,6 +59,7 @@ void PlatformNodeHandle::negotiateTopics(SubscriberBase* subscriber) {
 void PlatformNodeHandle::stop() {
   if (!running_.exchange(false, std::memory_order_acq_rel)) return;
   inited = 0;
+  const bool from_a_delivery = bus_.deliveringOnThisThread();
   bus_.stop();
   std::map<uint32_t, std::shared_ptr<ThreadPool>> released;
   {
@@ -66,7 +68,14 @@ void PlatformNodeHandle::stop() {
     subscribers.clear();
   }
   // Destroyed outside the lock: each pool waits (at most 3 s) for its worker.
-  released.clear();
+  // A subscriber that stops the middleware from its own delivery runs on one
+  // of these workers, whose pool would wait for the very call destroying it:
+  // then the pools go on a thread of their own, once that delivery returns.
+  if (from_a_delivery) {
+    std::thread([pools = std::move(released)]() mutable { pools.clear(); }).detach();
+  } else {
+    released.clear();
+  }
 }
 
 }  // namespace dova::platform

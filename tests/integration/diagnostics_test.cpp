@@ -740,4 +740,31 @@ TEST_F(Diagnostics, ShutdownWaitsForDeliveriesInFlightAndStartsNoMore) {
   }
 }
 
+TEST_F(Diagnostics, SubscriberStopsTheMiddlewareFromItsOwnPoolThread) {
+  // The subscriber's own pool must not wait for the very delivery that
+  // destroys it: shutdown returns without the blocked-pool warning.
+  ASSERT_TRUE(dova::init("stopping_node", optionsFor(1)));
+  TraceCapture trace;
+  struct Progress {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool shut_down = false;
+  };
+  auto progress = std::make_shared<Progress>();
+  auto stopping = std::make_unique<dova::Subscriber<DiagnosticValue>>();
+  stopping->callback_kind = 2;
+  stopping->callback_ptr = [progress](const std::shared_ptr<const DiagnosticValue>&) {
+    dova::shutdown();
+    std::lock_guard<std::mutex> lock(progress->mutex);
+    progress->shut_down = true;
+    progress->changed.notify_all();
+  };
+  stopping->setTopic(kTopic);
+  ASSERT_TRUE(dova::nh()->subscribe(*stopping, false, true, -1));
+  korcommon::Diagnostics::publish("knee", 1, 0, "");
+  std::unique_lock<std::mutex> lock(progress->mutex);
+  ASSERT_TRUE(progress->changed.wait_for(lock, seconds(10), [&] { return progress->shut_down; }));
+  EXPECT_EQ(trace.count(dova::WARN, "wait_completed"), 0u);
+}
+
 }  // namespace
