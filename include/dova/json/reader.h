@@ -274,14 +274,18 @@ class Reader::TokenStream {
   size_t next_ = 0;
 };
 
-// Answers whether a name is already a member of an object being read. Small objects are
-// searched in place; from kIndexedSize members on, a hash index keeps a text with very many
-// members from making reading quadratic.
+// Answers whether a name is already a member of an object being read. A 64-bit filter of the
+// names seen answers most questions at once; the members are searched only when it cannot.
+// Small objects are searched in place; from kIndexedSize members on, a hash index keeps a text
+// with very many members from making reading quadratic.
 class Reader::MemberIndex {
  public:
-  explicit MemberIndex(const Object& object) : object_(object) {}
+  explicit MemberIndex(const Object& object) : object_(object) {
+    for (const Object::Member& member : object_) seen_ |= filterBit(member.name);
+  }
 
   bool contains(const std::string& name) {
+    if ((seen_ & filterBit(name)) == 0) return false;
     if (names_.empty()) {
       if (object_.size() < kIndexedSize) return object_.Find(name) != object_.end();
       for (const Object::Member& member : object_) names_.insert(member.name);
@@ -291,13 +295,23 @@ class Reader::MemberIndex {
 
   // REQUIRES: `name` lives in the object (the view must outlive the index).
   void add(const std::string& name) {
+    seen_ |= filterBit(name);
     if (!names_.empty()) names_.insert(name);
   }
 
  private:
   static constexpr size_t kIndexedSize = 32;
 
+  // One of 64 bits, chosen by the name's length and two of its characters (the first is the
+  // terminating NUL for an empty name).
+  static uint64_t filterBit(const std::string& name) {
+    const auto first = static_cast<unsigned char>(name[0]);
+    const auto middle = static_cast<unsigned char>(name[name.size() / 2]);
+    return uint64_t{1} << ((first * 7u + middle * 3u + name.size()) % 64);
+  }
+
   const Object& object_;
+  uint64_t seen_ = 0;
   std::unordered_set<std::string_view> names_;
 };
 
@@ -353,27 +367,31 @@ constexpr std::array<bool, 256> kEndsStringRun = [] {
   return ends;
 }();
 
+// The eight characters at `text` as one word, the first in the lowest byte, whatever the byte
+// order of the machine (compilers make this a single load).
+inline uint64_t loadWord(const char* text) {
+  const auto byte = [text](int index) {
+    return uint64_t{static_cast<unsigned char>(text[index])} << (8 * index);
+  };
+  return byte(0) | byte(1) | byte(2) | byte(3) | byte(4) | byte(5) | byte(6) | byte(7);
+}
+
+constexpr uint64_t kOnes = 0x0101010101010101u;
+constexpr uint64_t kHighBits = 0x8080808080808080u;
+constexpr uint64_t kLowBits = 0x7F7F7F7F7F7F7F7Fu;
+
 // The first character in [begin, end) that ends a run of plain string characters, or end.
 // Whole words of eight characters are tested at once.
 inline const char* findStringRunEnd(const char* begin, const char* end) {
-  constexpr uint64_t kOnes = 0x0101010101010101u;
-  constexpr uint64_t kHighBits = 0x8080808080808080u;
   const auto matches = [](uint64_t word, unsigned char byte) {
     const uint64_t differences = word ^ (kOnes * byte);
     // The lowest high bit set marks the first byte equal to `byte` exactly.
     return (differences - kOnes) & ~differences & kHighBits;
   };
   while (end - begin >= 8) {
-    uint64_t word;
-    std::memcpy(&word, begin, sizeof word);
+    const uint64_t word = loadWord(begin);
     const uint64_t found = matches(word, '"') | matches(word, '\\') | matches(word, '\n');
-    if (found != 0) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-      return begin + __builtin_ctzll(found) / 8;
-#else
-      break;
-#endif
-    }
+    if (found != 0) return begin + __builtin_ctzll(found) / 8;
     begin += 8;
   }
   while (begin != end && !kEndsStringRun[static_cast<unsigned char>(*begin)]) ++begin;
@@ -454,11 +472,11 @@ constexpr std::array<double, 23> kExactPowersOfTen = {
     1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
 // Reads [begin, end) when it is a number in strict JSON form that converts exactly without
-// std::from_chars: up to 2^53 with a power of ten doubles hold exactly (most numbers
-// documents hold), or exactly 20 significant digits, as the writer produces them, with a power
-// of ten from -27 to 18, which 128-bit integers convert exactly (std::from_chars is slow on
-// those). Returns false, leaving `value`, for any other text.
-inline bool readShortDecimal(const char* begin, const char* end, double& value) {
+// std::from_chars: up to 2^53 with a power of ten doubles hold exactly, or exactly 20
+// significant digits, as the writer produces them, with a power of ten from -27 to 18, which
+// 128-bit integers convert exactly (std::from_chars is slow on those). Returns false, leaving
+// `value`, for any other text.
+inline bool readLongDecimal(const char* begin, const char* end, double& value) {
   constexpr int kMostDigits = 20;
   constexpr int kDigitsOf64Bits = 19;
   const char* next = begin;
@@ -538,17 +556,111 @@ inline bool readShortDecimal(const char* begin, const char* end, double& value) 
   return true;
 }
 
+// The high bit of each byte of `word` that is a decimal digit. Exact for every byte: no carry
+// crosses from one byte into the next.
+constexpr uint64_t digitBytes(uint64_t word) {
+  const uint64_t offsets = word ^ (kOnes * '0');  // below 10 exactly for the digits
+  return ~(((offsets & kLowBits) + kOnes * (0x80 - 10)) | offsets) & kHighBits;
+}
+
+// The value of the eight digits in `word`, the first in the lowest byte; zero bytes count as
+// leading zeros.
+constexpr uint64_t eightDigitsValue(uint64_t word) {
+  // Neighbouring digits combine into pairs, the pairs into fours, the fours into eight.
+  word = ((word & 0x0F0F0F0F0F0F0F0Fu) * 2561) >> 8;
+  word = ((word & 0x00FF00FF00FF00FFu) * 6553601) >> 16;
+  return ((word & 0x0000FFFF0000FFFFu) * 42949672960001u) >> 32;
+}
+
+constexpr std::array<uint64_t, 9> kPowersOfTen = {
+    1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+// Appends the run of digits at `next` to `digits`, eight at a time, and returns the end of the
+// run; `digits` wraps when the run makes it exceed 64 bits. Branches only on runs of eight
+// digits, so that the varying lengths of numbers cost no mispredictions.
+// REQUIRES: eight characters readable from every position up to the first non-digit.
+inline const char* readDigits(const char* next, uint64_t& digits) {
+  for (;;) {
+    const uint64_t word = loadWord(next);
+    const uint64_t others = ~digitBytes(word) & kHighBits;
+    if (others == 0) {
+      digits = digits * kPowersOfTen[8] + eightDigitsValue(word);
+      next += 8;
+      continue;
+    }
+    const auto count = static_cast<unsigned>(__builtin_ctzll(others)) / 8;
+    if (count != 0) {
+      // Shifted to the top, the run's digits follow zero bytes, which read as leading zeros.
+      digits = digits * kPowersOfTen[count] + eightDigitsValue(word << (64 - 8 * count));
+    }
+    return next + count;
+  }
+}
+
+// Reads [begin, end) like readLongDecimal, quickly for the numbers documents mostly hold: at
+// most 19 digits in all, so that they fit 64 bits, without an exponent, and a value exact in a
+// double. Other texts are left to readLongDecimal.
+inline bool readShortDecimal(const char* begin, const char* end, double& value) {
+  constexpr ptrdiff_t kDigitsOf64Bits = 19;
+  constexpr size_t kLongestShort = 24;
+  const auto size = static_cast<size_t>(end - begin);
+  if (size > kLongestShort) return readLongDecimal(begin, end, value);
+  // A copy padded with NULs, so that words can be read from anywhere in the text.
+  char padded[kLongestShort + 8] = {};
+  std::memcpy(padded, begin, size);
+  const char* next = padded;
+  const bool negative = *next == '-';
+  if (negative) ++next;
+  const char* const integer = next;
+  uint64_t digits = 0;
+  next = readDigits(next, digits);
+  // No digit, or a leading zero before another digit: not a strict JSON number.
+  if (next == integer || (*integer == '0' && next - integer > 1)) return false;
+  ptrdiff_t count = next - integer;
+  int exponent = 0;
+  if (*next == '.') {
+    const char* const fraction = ++next;
+    next = readDigits(next, digits);
+    if (next == fraction) return false;
+    count += next - fraction;
+    exponent = -static_cast<int>(next - fraction);
+  }
+  // Too many digits, an exponent, or a text that is not a strict JSON number.
+  if (count > kDigitsOf64Bits || next != padded + size) return readLongDecimal(begin, end, value);
+  double magnitude;
+  if (digits == 0) {
+    magnitude = 0.0;
+  } else if (digits <= (uint64_t{1} << 53) &&
+             exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1)) {
+    // Both operands exact, so the one rounding of the quotient is the right one.
+    magnitude = static_cast<double>(digits) / kExactPowersOfTen[static_cast<size_t>(-exponent)];
+  } else {
+    return false;
+  }
+  value = negative ? -magnitude : magnitude;
+  return true;
+}
+
+// The high bit of each byte of `word` equal to `byte`. Exact for every byte.
+constexpr uint64_t equalBytes(uint64_t word, unsigned char byte) {
+  const uint64_t differences = word ^ (kOnes * byte);
+  return ~(((differences & kLowBits) + kLowBits) | differences) & kHighBits;
+}
+
+// The high bit of each byte of `word` that can be part of a number token.
+constexpr uint64_t numberBytes(uint64_t word) {
+  // Setting bit 5 of every byte turns 'E' into 'e' and nothing else into it.
+  return digitBytes(word) | equalBytes(word, '.') | equalBytes(word | (kOnes * 0x20), 'e') |
+         equalBytes(word, '-') | equalBytes(word, '+') | equalBytes(word, '\0');
+}
+
 // The first character in [begin, end) that cannot be part of a number token, or end. Whole
-// words of eight digits are passed at once.
+// words of eight characters are tested at once, so that the varying lengths of numbers cost
+// no mispredictions.
 inline const char* findNumberRunEnd(const char* begin, const char* end) {
-  constexpr uint64_t kHighNibbles = 0xF0F0F0F0F0F0F0F0u;
-  constexpr uint64_t kZeros = 0x3030303030303030u;  // '0' in every byte
-  constexpr uint64_t kSixes = 0x0606060606060606u;
   while (end - begin >= 8) {
-    uint64_t word;
-    std::memcpy(&word, begin, sizeof word);
-    // Every byte is 0x30 to 0x39 when its high nibble is 3 and adding 6 keeps it so.
-    if ((word & kHighNibbles) != kZeros || ((word + kSixes) & kHighNibbles) != kZeros) break;
+    const uint64_t others = ~numberBytes(loadWord(begin)) & kHighBits;
+    if (others != 0) return begin + __builtin_ctzll(others) / 8;
     begin += 8;
   }
   while (begin != end && kNumberCharacters[static_cast<unsigned char>(*begin)]) ++begin;
@@ -582,7 +694,8 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
     if (code == Traits::eof()) return;
 
     Token& token = tokens.emplace_back();
-    token.begin = input.location();
+    const Location begin = input.location();
+    token.begin = begin;
     // Dispatching on the token's type, looked up by its first character, compiles to a jump
     // table where a switch on the character would be a chain of comparisons.
     const int started = reader_detail::kStartedTokens[static_cast<size_t>(code)];
@@ -597,10 +710,10 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
       case Token::Colon:
         token.value.push_back(Traits::to_char_type(code));
         input.skipInLine(1);
-        // One character on the same line: cheaper than asking the input again.
-        token.end = token.begin;
-        ++token.end.column;
-        ++token.end.offset;
+        // One character on the same line: cheaper than asking the input again. The end is
+        // built from the local copy, never read back from the token just written: a load
+        // spanning those two fresh stores would stall on store forwarding.
+        token.end = Location{begin.line, begin.column + 1, begin.offset + 1};
         continue;
       case Token::StringToken:
         MatchString(input, token.value);
