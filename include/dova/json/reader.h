@@ -575,13 +575,37 @@ constexpr uint64_t eightDigitsValue(uint64_t word) {
 constexpr std::array<uint64_t, 9> kPowersOfTen = {
     1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
 
-// Appends the run of digits at `next` to `digits`, eight at a time, and returns the end of the
-// run; `digits` wraps when the run makes it exceed 64 bits. Branches only on runs of eight
+// The characters from `next` up to eight, but not past `end`, as one word like loadWord, zero
+// in the bytes past `end`. Short texts are read by overlapping loads rather than copied into a
+// padded buffer: wide loads from fresh narrow stores would stall on store forwarding.
+inline uint64_t loadUpToWord(const char* next, const char* end) {
+  const auto remaining = static_cast<size_t>(end - next);
+  if (remaining >= 8) return loadWord(next);
+  const auto byte = [next](size_t index) {
+    return uint64_t{static_cast<unsigned char>(next[index])} << (8 * index);
+  };
+  if (remaining >= 4) {
+    // The last four characters overlap the first four; the bytes they share are the same.
+    const uint64_t first = byte(0) | byte(1) | byte(2) | byte(3);
+    const uint64_t last = (uint64_t{static_cast<unsigned char>(end[-4])} |
+                           uint64_t{static_cast<unsigned char>(end[-3])} << 8 |
+                           uint64_t{static_cast<unsigned char>(end[-2])} << 16 |
+                           uint64_t{static_cast<unsigned char>(end[-1])} << 24)
+                          << (8 * (remaining - 4));
+    return first | last;
+  }
+  if (remaining == 0) return 0;
+  return byte(0) | byte(remaining / 2) | byte(remaining - 1);
+}
+
+// Appends the run of digits in [next, end) to `digits`, eight at a time, and returns the end of
+// the run; `digits` wraps when the run makes it exceed 64 bits. Branches only on runs of eight
 // digits, so that the varying lengths of numbers cost no mispredictions.
-// REQUIRES: eight characters readable from every position up to the first non-digit.
-inline const char* readDigits(const char* next, uint64_t& digits) {
+// Inlined, so that `digits` stays in a register.
+[[gnu::always_inline]] inline const char* readDigits(const char* next, const char* end,
+                                                     uint64_t& digits) {
   for (;;) {
-    const uint64_t word = loadWord(next);
+    const uint64_t word = loadUpToWord(next, end);
     const uint64_t others = ~digitBytes(word) & kHighBits;
     if (others == 0) {
       digits = digits * kPowersOfTen[8] + eightDigitsValue(word);
@@ -602,36 +626,34 @@ inline const char* readDigits(const char* next, uint64_t& digits) {
 // double. Other texts are left to readLongDecimal.
 inline bool readShortDecimal(const char* begin, const char* end, double& value) {
   constexpr ptrdiff_t kDigitsOf64Bits = 19;
-  constexpr size_t kLongestShort = 24;
-  const auto size = static_cast<size_t>(end - begin);
-  if (size > kLongestShort) return readLongDecimal(begin, end, value);
-  // A copy padded with NULs, so that words can be read from anywhere in the text.
-  char padded[kLongestShort + 8] = {};
-  std::memcpy(padded, begin, size);
-  const char* next = padded;
-  const bool negative = *next == '-';
+  const char* next = begin;
+  const bool negative = next != end && *next == '-';
   if (negative) ++next;
   const char* const integer = next;
   uint64_t digits = 0;
-  next = readDigits(next, digits);
+  next = readDigits(next, end, digits);
   // No digit, or a leading zero before another digit: not a strict JSON number.
   if (next == integer || (*integer == '0' && next - integer > 1)) return false;
   ptrdiff_t count = next - integer;
   int exponent = 0;
-  if (*next == '.') {
+  if (next != end && *next == '.') {
     const char* const fraction = ++next;
-    next = readDigits(next, digits);
+    next = readDigits(next, end, digits);
     if (next == fraction) return false;
     count += next - fraction;
     exponent = -static_cast<int>(next - fraction);
   }
   // Too many digits, an exponent, or a text that is not a strict JSON number.
-  if (count > kDigitsOf64Bits || next != padded + size) return readLongDecimal(begin, end, value);
+  if (count > kDigitsOf64Bits || next != end) return readLongDecimal(begin, end, value);
   double magnitude;
   if (digits == 0) {
     magnitude = 0.0;
-  } else if (digits <= (uint64_t{1} << 53) &&
-             exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1)) {
+  } else if (digits > (uint64_t{1} << 53)) {
+    return false;
+  } else if (exponent == 0) {
+    // An integer: exact, and no division, whose latency would show on every one.
+    magnitude = static_cast<double>(digits);
+  } else if (exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1)) {
     // Both operands exact, so the one rounding of the quotient is the right one.
     magnitude = static_cast<double>(digits) / kExactPowersOfTen[static_cast<size_t>(-exponent)];
   } else {
