@@ -15,6 +15,7 @@
 #include <string>
 
 #include "dova/json/elements.h"
+#include "dova/json/string_escapes.h"
 
 namespace dova {
 namespace json {
@@ -86,21 +87,6 @@ void Writer::Write(const ElementTypeT& element, std::ostream& stream, bool inden
 namespace writer_detail {
 
 __extension__ typedef unsigned __int128 Uint128;
-
-// Bytes that writeString cannot copy through unchanged: the escaped ones and the leads of two-
-// and three-byte UTF-8 sequences (0xC0 to 0xEF).
-constexpr std::array<bool, 256> specialBytes() {
-  std::array<bool, 256> special{};
-  for (const char escaped : {'"', '\\', '\b', '\f', '\n', '\r', '\t'}) {
-    special[static_cast<unsigned char>(escaped)] = true;
-  }
-  for (size_t lead = 0xC0; lead <= 0xEF; ++lead) special[lead] = true;
-  return special;
-}
-
-constexpr std::array<bool, 256> kSpecialBytes = specialBytes();
-
-constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
 // Room formatNumber needs: the longest %.20g text of a double is 27 characters (sign, 20
 // digits, point, "e-308"), and copies overshoot it.
@@ -337,7 +323,6 @@ inline void Writer::Visit(const Boolean& boolean) {
 inline void Writer::Visit(const Null&) { append("null", 4); }
 
 inline void Writer::writeString(const std::string& text) {
-  using writer_detail::isContinuation;
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   const size_t length = text.size();
   put('"');
@@ -348,57 +333,27 @@ inline void Writer::writeString(const std::string& text) {
     const size_t limit = std::min(length, next + (kBufferSize - buffered_));
     char* out = buffer_.data() + buffered_;
     size_t scan = next;
-    while (scan < limit && !writer_detail::kSpecialBytes[bytes[scan]]) {
+    while (scan < limit && !string_escapes::kSpecialBytes[bytes[scan]]) {
       *out++ = static_cast<char>(bytes[scan++]);
     }
     buffered_ += scan - next;
     next = scan;
     if (next == limit) continue;  // the end of the text, or a full buffer
 
-    const unsigned char lead = bytes[next];
-    const size_t left = length - next;
-    // Only two- and three-byte sequences are converted. Four-byte sequences, stray
-    // continuation bytes, and truncated sequences stay raw, and overlong forms and surrogate
-    // code points are deliberately converted without complaint.
-    if ((lead & 0xE0) == 0xC0 && left >= 2 && isContinuation(bytes[next + 1])) {
-      writeUnicodeEscape(((lead & 0x1Fu) << 6) | (bytes[next + 1] & 0x3Fu));
-      next += 2;
-      continue;
-    }
-    if ((lead & 0xF0) == 0xE0 && left >= 3 && isContinuation(bytes[next + 1]) &&
-        isContinuation(bytes[next + 2])) {
-      writeUnicodeEscape(((lead & 0x0Fu) << 12) | ((bytes[next + 1] & 0x3Fu) << 6) |
-                         (bytes[next + 2] & 0x3Fu));
-      next += 3;
-      continue;
-    }
-    switch (lead) {
-      case '"':
-        append("\\\"", 2);
+    const string_escapes::SpecialPiece piece =
+        string_escapes::specialPiece(bytes + next, length - next);
+    switch (piece.kind) {
+      case string_escapes::SpecialPiece::kCodePoint:
+        writeUnicodeEscape(piece.code);
         break;
-      case '\\':
-        append("\\\\", 2);
+      case string_escapes::SpecialPiece::kShort:
+        append(piece.text, 2);
         break;
-      case '\b':
-        append("\\b", 2);
-        break;
-      case '\f':
-        append("\\f", 2);
-        break;
-      case '\n':
-        append("\\n", 2);
-        break;
-      case '\r':
-        append("\\r", 2);
-        break;
-      case '\t':
-        append("\\t", 2);
-        break;
-      default:  // an unconverted lead byte
-        put(static_cast<char>(lead));
+      case string_escapes::SpecialPiece::kRaw:
+        put(static_cast<char>(bytes[next]));
         break;
     }
-    ++next;
+    next += piece.length;
   }
   put('"');
 }
@@ -407,11 +362,8 @@ inline void Writer::writeUnicodeEscape(unsigned code) {
   stream_.setf(std::ios_base::hex, std::ios_base::basefield);
   stream_.fill('0');
   if (formatsEscapesPlainly()) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    char escape[] = "\\u0000";
-    for (int digit = 0; digit < 4; ++digit)
-      escape[5 - digit] = kDigits[(code >> (4 * digit)) & 0xF];
-    append(escape, sizeof escape - 1);
+    const std::array<char, 6> escape = string_escapes::unicodeEscape(code);
+    append(escape.data(), escape.size());
     // As after a formatted insertion: the width is used up, unless the stream refused output.
     stream_.width(stream_.good() ? 0 : 4);
   } else {
