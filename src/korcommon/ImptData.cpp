@@ -7,14 +7,16 @@
 #include "dova/filesystem/filesystem.h"
 #include "dova/param.h"
 #include "dova/trace.h"
+#include "korcommon/imptdata_files.h"
 #include "korcommon/trace_text.h"
 
 namespace korcommon {
 namespace {
 
-constexpr char kJointOffsetFile[] = "/opt/quor/imptdata/joint_offset.yaml";
-constexpr char kJointLimitFile[] = "/opt/quor/imptdata/joint_limit.yaml";
-constexpr char kSerialNumberFile[] = "/opt/quor/imptdata/sn.yaml";
+using detail::kJointLimitFile;
+using detail::kJointOffsetFile;
+using detail::kSerialNumberFile;
+
 constexpr char kUrdfDirectory[] = "/opt/quor/imptdata/urdf/";
 
 constexpr char kOpenDataDirectory[] = "chmod -R 777 /opt/quor/imptdata";
@@ -44,15 +46,12 @@ bool store(const char* function, const char* file, const char* key, const Value&
 
 template <typename Value>
 Value load(const char* function, const char* file, const char* key) {
-  Value result;
   try {
-    dova::Param param(file);
-    Value value;  // a wrong-shaped value throws and must not leave half of itself
-    if (param.get(key, value)) result = std::move(value);
+    return detail::readStoredValue<Value>(file, key);
   } catch (const std::exception& error) {
     detail::traceLiteral(dova::ERROR, __FILE__, __LINE__, function, error.what());
+    return Value();
   }
-  return result;
 }
 
 }  // namespace

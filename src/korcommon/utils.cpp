@@ -9,9 +9,9 @@
 #include "dova/guid.h"
 #include "dova/json/reader.h"
 #include "dova/json/writer.h"
-#include "dova/param.h"
 #include "dova/time.h"
 #include "dova/trace.h"
+#include "korcommon/imptdata_files.h"
 #include "korcommon/trace_text.h"
 
 namespace korcommon {
@@ -19,8 +19,6 @@ namespace {
 
 using dova::json::Object;
 using dova::json::UnknownElement;
-
-constexpr char kSerialNumberFile[] = "/opt/quor/imptdata/sn.yaml";
 
 // Traces a caught exception at ERROR under `function`; the trace text is exactly what().
 void reportError(const char* function, const std::exception& error) {
@@ -102,15 +100,11 @@ long truncateToLong(double milliseconds) {
 }  // namespace
 
 std::string getRobotAccid() {
-  std::string accid;
-  try {
-    const dova::Param serial_number(kSerialNumberFile);
-    std::string value;
-    if (serial_number.get("sn", value)) accid = std::move(value);
-  } catch (const std::exception& error) {
-    reportError("getRobotAccid", error);
-  }
-  return accid;
+  // Read on every call, never cached: a serial number just stored goes out with the next
+  // envelope.
+  return neutralOnError("getRobotAccid", std::string(), [] {
+    return detail::readStoredValue<std::string>(detail::kSerialNumberFile, "sn");
+  });
 }
 
 Object createSigJson(const std::string& title, const std::string& guid, const long& timestamp,
