@@ -6,11 +6,9 @@
 #include <time.h>
 
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
@@ -21,10 +19,12 @@
 #include <vector>
 
 #include "child_process.h"
+#include "dds_domain.h"
 #include "dova/json/reader.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "korcommon/ImptData.h"
 #include "private_opt.h"
+#include "read_file.h"
 #include "tool_runner.h"
 
 namespace {
@@ -32,6 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 using korcommon::testing::ChildProcess;
 using korcommon::testing::expectOneErrorLine;
+using korcommon::testing::readFile;
 using korcommon::testing::ToolResult;
 using namespace std::chrono_literals;
 
@@ -51,13 +52,6 @@ double wallSeconds() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  std::ostringstream content;
-  content << stream.rdbuf();
-  return content.str();
 }
 
 // One line of "diag echo --json", read with the project's JSON reader.
@@ -112,11 +106,9 @@ class CliDiag : public ::testing::Test {
                              "DOVA_LOG_SCREEN", "DOVA_SCHED_CPU", "NO_COLOR"}) {
       unsetenv(name);
     }
-    // A domain of this test's own, so that tests running side by side never hear each other.
-    const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    uint32_t hash = 2166136261u;
-    for (const char c : test) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
-    setenv("DOVA_DOMAIN_ID", std::to_string(1 + hash % 200).c_str(), 1);
+    // A domain that no other test process running meanwhile uses, so that tests running
+    // side by side never hear each other; the commands started here inherit it.
+    domain_ = korcommon::testing::claimDdsDomain();
   }
   void TearDown() override {
     // The doctor test makes the private /opt read-only.
@@ -147,6 +139,7 @@ class CliDiag : public ::testing::Test {
     return child;
   }
 
+  std::string domain_;
   korcommon::testing::ToolRunner tool_{KORCOMMON_CLI};
 };
 
@@ -400,8 +393,7 @@ TEST_F(CliDiag, DoctorFailsWithoutASerialNumberAndIsReadyWithOne) {
   fs::remove_all("/opt/quor");
   const ToolResult bare = run({"doctor", "--wait", "0.5"});
   EXPECT_EQ(bare.status, 1) << bare.out << bare.err;
-  EXPECT_TRUE(hasLine(bare.out, "OK    transport: dds, domain " +
-                                    std::string(std::getenv("DOVA_DOMAIN_ID")) +
+  EXPECT_TRUE(hasLine(bare.out, "OK    transport: dds, domain " + domain_ +
                                     ", mode 1, loopback only (CYCLONEDDS_URI unset)"))
       << bare.out;
   EXPECT_TRUE(hasLine(bare.out, "WARN  nodes: no other node seen")) << bare.out;

@@ -5,12 +5,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "korcommon/ImptData.h"
 #include "private_opt.h"
+#include "read_file.h"
 #include "tool_runner.h"
 
 namespace {
@@ -18,14 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 using korcommon::ImptData;
 using korcommon::testing::expectOneErrorLine;
+using korcommon::testing::readFile;
 using korcommon::testing::ToolResult;
-
-std::string readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  std::ostringstream content;
-  content << stream.rdbuf();
-  return content.str();
-}
 
 class CliImptdata : public ::testing::Test {
  protected:

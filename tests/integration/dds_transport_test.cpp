@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,9 +11,9 @@
 #include <vector>
 
 #include "child_process.h"
+#include "dds_fixture.h"
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
-#include "dova/os/node_handle_base.h"
 #include "trace_capture.h"
 
 namespace {
@@ -61,40 +60,16 @@ class Inbox {
   std::vector<Received> received_;
 };
 
-// Each test joins its own DDS domain, so tests running side by side never meet.
-class DdsTransport : public ::testing::Test {
+class DdsTransport : public korcommon::testing::DdsFixture {
  protected:
-  void SetUp() override {
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    domain_ = std::to_string(10 + std::hash<std::string>()(name) % 200);
-    setenv("DOVA_DOMAIN_ID", domain_.c_str(), 1);
-    unsetenv("CYCLONEDDS_URI");  // loopback only
-  }
-  void TearDown() override { dova::shutdown(); }
-
   bool join(int mode = 1) { return dova::init("dds_test", dova::Options{"dds", mode, true, -1}); }
 
-  // Subscribes the fixture's inbox to the diagnostics of every process. The
-  // fixture owns both, so they outlive the shutdown in TearDown.
-  void subscribe(bool latched) {
-    subscriber_ = std::make_unique<dova::Subscriber<DiagnosticValue>>();
-    subscriber_->setTopic("/diagnostics_value");
-    subscriber_->callback_kind = 0;
-    subscriber_->callback_ref = [this](const DiagnosticValue& value) { inbox.add(value); };
-    ASSERT_TRUE(dova::nh()->subscribe(*subscriber_, latched, true, -1));
+  // Collects the diagnostics of every process in the inbox.
+  void subscribeInbox(bool latched) {
+    subscribe([this](const DiagnosticValue& value) { inbox.add(value); }, latched);
   }
 
-  std::unique_ptr<ChildProcess> probe(const std::vector<std::string>& arguments) const {
-    auto child = std::make_unique<ChildProcess>(
-        DDS_PROBE, arguments,
-        std::map<std::string, std::string>{{"DOVA_DOMAIN_ID", domain_}, {"CYCLONEDDS_URI", ""}});
-    EXPECT_TRUE(child->started());
-    return child;
-  }
-
-  std::string domain_;
   Inbox inbox;
-  std::unique_ptr<dova::Subscriber<DiagnosticValue>> subscriber_;
 };
 
 TEST_F(DdsTransport, LateJoinerReceivesLatestReportPerNameFromEachLivePublisher) {
@@ -106,7 +81,7 @@ TEST_F(DdsTransport, LateJoinerReceivesLatestReportPerNameFromEachLivePublisher)
   ASSERT_TRUE(beta->waitForOutput("published 30", 30s)) << beta->errors();
 
   ASSERT_TRUE(join());
-  subscribe(true);
+  subscribeInbox(true);
   ASSERT_TRUE(inbox.waitForCount(6, 30s));
   // Anything beyond the state would arrive right behind it.
   EXPECT_FALSE(inbox.waitForCount(7, 1s));
@@ -123,7 +98,7 @@ TEST_F(DdsTransport, LateJoinerReceivesLatestReportPerNameFromEachLivePublisher)
 
 TEST_F(DdsTransport, EveryReportArrivesInOrderPerPublisher) {
   ASSERT_TRUE(join());
-  subscribe(false);
+  subscribeInbox(false);
   constexpr int kPublishers = 3;
   constexpr int kReports = 2000;
   std::vector<std::unique_ptr<ChildProcess>> publishers;
@@ -146,7 +121,7 @@ TEST_F(DdsTransport, EveryReportArrivesInOrderPerPublisher) {
 
 TEST_F(DdsTransport, KilledPublisherLeavesTheSubscriberRunning) {
   ASSERT_TRUE(join());
-  subscribe(false);
+  subscribeInbox(false);
   auto doomed = probe({"publish", "doomed", "100", "1", "1", "-1"});
   ASSERT_TRUE(doomed->waitForOutput("published 100", 30s)) << doomed->errors();
   doomed->signal(SIGKILL);
@@ -165,7 +140,7 @@ TEST_F(DdsTransport, KilledPublisherLeavesTheSubscriberRunning) {
 TEST_F(DdsTransport, MalformedSamplesAreDroppedWithAWarning) {
   TraceCapture capture;
   ASSERT_TRUE(join());
-  subscribe(false);
+  subscribeInbox(false);
   auto raw = probe({"raw", "crafter", "truncated", "overlong", "short", "good"});
   ASSERT_TRUE(inbox.waitForCount(1, 30s)) << raw->errors();
   ASSERT_TRUE(raw->waitForOutput("sent 4", 30s));
@@ -181,7 +156,7 @@ TEST_F(DdsTransport, MalformedSamplesAreDroppedWithAWarning) {
 TEST_F(DdsTransport, ChecksumNegotiationRefusesAnotherMessageType) {
   TraceCapture capture;
   ASSERT_TRUE(join(2));
-  subscribe(false);
+  subscribeInbox(false);
   auto raw = probe({"raw", "stranger", "md5", "md5", "good"});
   ASSERT_TRUE(inbox.waitForCount(1, 30s)) << raw->errors();
   ASSERT_TRUE(raw->waitForOutput("sent 3", 30s));

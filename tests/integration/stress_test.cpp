@@ -9,25 +9,24 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "child_process.h"
+#include "dds_fixture.h"
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
-#include "dova/os/node_handle_base.h"
 #include "korcommon/Diagnostics.h"
 #include "korcommon/ImptData.h"
 #include "private_opt.h"
+#include "read_file.h"
 #include "trace_capture.h"
 
 namespace {
@@ -74,37 +73,7 @@ class SequenceCheck {
   size_t out_of_order_ = 0;
 };
 
-class Stress : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    domain_ = std::to_string(10 + std::hash<std::string>()(name + "stress") % 200);
-    setenv("DOVA_DOMAIN_ID", domain_.c_str(), 1);
-    unsetenv("CYCLONEDDS_URI");
-  }
-  void TearDown() override { dova::shutdown(); }
-
-  // Subscribes `on_report` to "/diagnostics_value". The fixture owns the
-  // subscriber, so it outlives the shutdown in TearDown; whatever the
-  // callback uses must be shared with it, not a local of the test.
-  void subscribe(std::function<void(const DiagnosticValue&)> on_report) {
-    auto subscriber = std::make_unique<dova::Subscriber<DiagnosticValue>>();
-    subscriber->setTopic("/diagnostics_value");
-    subscriber->callback_kind = 0;
-    subscriber->callback_ref = std::move(on_report);
-    EXPECT_TRUE(dova::nh()->subscribe(*subscriber, false, true, -1));
-    subscribers_.push_back(std::move(subscriber));
-  }
-
-  std::unique_ptr<ChildProcess> probe(const std::vector<std::string>& arguments) const {
-    return std::make_unique<ChildProcess>(
-        DDS_PROBE, arguments,
-        std::map<std::string, std::string>{{"DOVA_DOMAIN_ID", domain_}, {"CYCLONEDDS_URI", ""}});
-  }
-
-  std::string domain_;
-  std::vector<std::unique_ptr<dova::Subscriber<DiagnosticValue>>> subscribers_;
-};
+using Stress = korcommon::testing::DdsFixture;
 
 TEST_F(Stress, EightThreadsOfFiftyThousandReportsOnTheLocalTransport) {
   constexpr int kThreads = 8;
@@ -151,7 +120,7 @@ TEST_F(Stress, PublisherKilledMidStreamLeavesAnUnbrokenPrefix) {
   auto victim = probe({"publish", "victim", "1000000", "1", "1", "-1"});
   ASSERT_TRUE(check->waitForTotal(2000, 60s));
   victim->signal(SIGKILL);
-  victim->wait(10s);  // reaps it; a process ended by a signal has no exit status
+  victim->wait(10s);                   // reaps it; a process ended by a signal has no exit status
   std::this_thread::sleep_for(500ms);  // let anything in flight land
   EXPECT_EQ(check->outOfOrder(), 0u) << "whatever arrived is an unbroken prefix";
 
@@ -213,9 +182,7 @@ TEST_F(StressStore, FullDiskLeavesTheOldFileAndReportsWhy) {
   std::filesystem::create_directories("/opt/quor/imptdata");
   ASSERT_EQ(mount("tiny", "/opt/quor/imptdata", "tmpfs", 0, "size=16k"), 0) << std::strerror(errno);
   ASSERT_TRUE(korcommon::ImptData::setJointOffset(std::vector<double>(12, 0.5)));
-  std::ifstream before_stream("/opt/quor/imptdata/joint_offset.yaml");
-  std::stringstream before;
-  before << before_stream.rdbuf();
+  const std::string before = korcommon::testing::readFile("/opt/quor/imptdata/joint_offset.yaml");
   // Fill the file system so that a new version cannot be written.
   {
     std::ofstream filler("/opt/quor/imptdata/filler", std::ios::binary);
@@ -230,10 +197,7 @@ TEST_F(StressStore, FullDiskLeavesTheOldFileAndReportsWhy) {
   EXPECT_NE(capture.reports()[0].text.find("No space left on device"), std::string::npos)
       << capture.reports()[0].text;
 
-  std::ifstream after_stream("/opt/quor/imptdata/joint_offset.yaml");
-  std::stringstream after;
-  after << after_stream.rdbuf();
-  EXPECT_EQ(after.str(), before.str());
+  EXPECT_EQ(korcommon::testing::readFile("/opt/quor/imptdata/joint_offset.yaml"), before);
   EXPECT_EQ(korcommon::ImptData::getJointOffset(), std::vector<double>(12, 0.5));
   for (const auto& entry : std::filesystem::directory_iterator("/opt/quor/imptdata")) {
     const std::string file = entry.path().filename().string();

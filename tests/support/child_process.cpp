@@ -6,11 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <thread>
+
+#include "read_file.h"
 
 extern char** environ;
 
@@ -19,11 +18,6 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-std::string readFile(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 std::vector<std::string> mergedEnvironment(const std::map<std::string, std::string>& changes) {
   std::map<std::string, std::string> merged;
@@ -47,18 +41,17 @@ std::vector<std::string> mergedEnvironment(const std::map<std::string, std::stri
 }  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                           const std::map<std::string, std::string>& environment) {
-  std::string pattern = (fs::temp_directory_path() / "korcommon_child.XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) return;
-  directory_ = pattern;
+                           const std::map<std::string, std::string>& environment,
+                           const fs::path& input) {
+  if (directory_.path().empty()) return;
+  const fs::path out = directory_.path() / "stdout";
+  const fs::path err = directory_.path() / "stderr";
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (directory_ / "stdout").c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, (directory_ / "stderr").c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
 
   std::vector<std::string> words = {program};
   words.insert(words.end(), arguments.begin(), arguments.end());
@@ -81,13 +74,11 @@ ChildProcess::~ChildProcess() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  std::error_code ignored;
-  if (!directory_.empty()) fs::remove_all(directory_, ignored);
 }
 
-std::string ChildProcess::output() const { return readFile(directory_ / "stdout"); }
+std::string ChildProcess::output() const { return readFile(directory_.path() / "stdout"); }
 
-std::string ChildProcess::errors() const { return readFile(directory_ / "stderr"); }
+std::string ChildProcess::errors() const { return readFile(directory_.path() / "stderr"); }
 
 bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
   const auto deadline = Clock::now() + timeout;

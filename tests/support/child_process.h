@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "scratch_directory.h"
+
 namespace korcommon::testing {
 
 // A program running in the background for a multi-process test. Its standard
@@ -19,9 +21,11 @@ namespace korcommon::testing {
 class ChildProcess {
  public:
   // Starts `program` with `arguments`; `environment` entries are added to (or
-  // replace) this process's environment, and an empty value removes one.
+  // replace) this process's environment, and an empty value removes one. Standard
+  // input reads from `input`.
   ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-               const std::map<std::string, std::string>& environment = {});
+               const std::map<std::string, std::string>& environment = {},
+               const std::filesystem::path& input = "/dev/null");
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -37,8 +41,11 @@ class ChildProcess {
   bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
 
   // Waits for the child to end; its exit status, or nullopt at the deadline
-  // or when a signal ended it.
+  // or when a signal ended it (ended() tells which).
   std::optional<int> wait(std::chrono::milliseconds timeout);
+
+  // True once wait() has seen the child end.
+  bool ended() const { return reaped_; }
 
   void signal(int number) const;
 
@@ -46,7 +53,7 @@ class ChildProcess {
   pid_t pid_ = -1;
   bool reaped_ = false;
   int wait_status_ = 0;
-  std::filesystem::path directory_;
+  ScratchDirectory directory_{"korcommon_child"};
 };
 
 }  // namespace korcommon::testing

@@ -11,18 +11,19 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "dova/filesystem/filesystem.h"
 #include "private_opt.h"
+#include "read_file.h"
 #include "trace_capture.h"
 
 namespace {
 namespace fs = std::filesystem;
 
 using korcommon::ImptData;
+using korcommon::testing::readFile;
 using korcommon::testing::TraceCapture;
 
 constexpr char kDataDirectory[] = "/opt/quor/imptdata";
@@ -35,13 +36,6 @@ class ImptDataTest : public ::testing::Test {
   }
   void TearDown() override {
     if (korcommon::testing::hasPrivateOpt()) mount(nullptr, "/opt", nullptr, MS_REMOUNT, nullptr);
-  }
-
-  static std::string readFile(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream content;
-    content << stream.rdbuf();
-    return content.str();
   }
 
   static void writeFile(const std::string& file, const std::string& content) {

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <limits>
 #include <random>
@@ -21,6 +20,7 @@
 
 #include "dova/json/reader.h"
 #include "dova/json/writer.h"
+#include "read_file.h"
 
 namespace {
 
@@ -445,11 +445,6 @@ TEST(JsonReader, ThreadsReadAndWriteSeparateDocuments) {
   for (const std::string& result : results) EXPECT_EQ(result, text);
 }
 
-std::string fileText(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
 // JSON texts the reader refuses: duplicate member names are an error.
 const std::set<std::string> kRefusedValid = {"y_object_duplicated_key.json",
                                              "y_object_duplicated_key_and_value.json"};
@@ -469,7 +464,7 @@ TEST(JsonReader, JsonTestSuiteReadsRoundTripOrFailCleanly) {
   for (const std::filesystem::path& file : files) {
     const std::string name = file.filename().string();
     SCOPED_TRACE(name);
-    const std::string text = fileText(file);
+    const std::string text = korcommon::testing::readFile(file);
     const size_t first = text.find_first_not_of(" \t\n\v\f\r");
     const bool object_text = first != std::string::npos && text[first] == '{';
     Object document;

@@ -10,13 +10,13 @@
 #include <fstream>
 #include <limits>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "dova/param.h"
 #include "private_opt.h"
+#include "read_file.h"
 
 namespace {
 namespace fs = std::filesystem;
@@ -37,10 +37,7 @@ class ParamTest : public ::testing::Test {
   }
 
   std::string readFile(const std::string& name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return korcommon::testing::readFile(path(name));
   }
 
   std::string directory_;
