@@ -42,25 +42,29 @@ int32_t environmentInteger(const char* name, bool& present) {
   return present ? static_cast<int32_t>(std::strtol(text, nullptr, 10)) : 0;
 }
 
-int32_t setUpLevel() {
+// The setting, taken from the environment variable `variable` the first time it is needed
+// unless a setter came first: the variable's value when it is set and `usable`, otherwise
+// `fallback`.
+template <typename Usable>
+int32_t setUpSetting(std::atomic<int32_t>& setting, const char* variable, int32_t fallback,
+                     Usable usable) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (ROBOT_LOG_LEVEL.load(std::memory_order_relaxed) < 0) {
+  if (setting.load(std::memory_order_relaxed) < 0) {
     bool present = false;
-    const int32_t configured = environmentInteger("DOVA_LOG_LEVEL", present);
-    ROBOT_LOG_LEVEL.store(present ? configured : kDefaultLevel, std::memory_order_relaxed);
+    const int32_t configured = environmentInteger(variable, present);
+    setting.store(present && usable(configured) ? configured : fallback, std::memory_order_relaxed);
   }
-  return ROBOT_LOG_LEVEL.load(std::memory_order_relaxed);
+  return setting.load(std::memory_order_relaxed);
+}
+
+int32_t setUpLevel() {
+  return setUpSetting(ROBOT_LOG_LEVEL, "DOVA_LOG_LEVEL", kDefaultLevel,
+                      [](int32_t) { return true; });
 }
 
 int32_t setUpSize() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (ROBOT_LOG_SIZE.load(std::memory_order_relaxed) < 0) {
-    bool present = false;
-    const int32_t configured = environmentInteger("DOVA_LOG_SIZE", present);
-    ROBOT_LOG_SIZE.store(present && configured > 0 ? configured : kDefaultSize,
-                         std::memory_order_relaxed);
-  }
-  return ROBOT_LOG_SIZE.load(std::memory_order_relaxed);
+  return setUpSetting(ROBOT_LOG_SIZE, "DOVA_LOG_SIZE", kDefaultSize,
+                      [](int32_t size) { return size > 0; });
 }
 
 // Process and kernel thread ids, asked of the kernel once per thread (and
