@@ -20,11 +20,11 @@
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/os/node_handle_base.h"
-#include "dova/trace.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
 #include "session.h"
 #include "terminal.h"
+#include "trace_capture.h"
 
 namespace korcommon::cli {
 namespace {
@@ -222,13 +222,13 @@ Check checkImportantData() {
 
 Check checkSerialNumber() {
   Check check{Check::kOk, "serial number", "", ""};
+  std::string sn;
   std::string reported;
-  const dova::TraceSink previous =
-      dova::setTraceSink([&reported](int, const char*, int, const char*, const std::string& text) {
-        if (reported.empty()) reported = text;
-      });
-  const std::string sn = ImptData::getSN();
-  dova::setTraceSink(previous);
+  {
+    const TraceCapture reports;
+    sn = ImptData::getSN();
+    reported = reports.first();
+  }
   if (!reported.empty()) {
     check.status = Check::kFail;
     check.detail = "cannot be read: " + oneLine(reported);

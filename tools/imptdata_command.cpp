@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "dova/filesystem/filesystem.h"
-#include "dova/trace.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
+#include "trace_capture.h"
 
 namespace korcommon::cli {
 namespace {
@@ -20,28 +20,10 @@ namespace {
 constexpr char kUrdfDirectory[] = "/opt/quor/imptdata/urdf/";
 constexpr char kNone[] = "(none)";
 
-// Collects what the store reports while it lives, instead of letting the
-// default sink print it, so that a failure becomes one clear error line.
-class StoreReports {
- public:
-  StoreReports()
-      : previous_(
-            dova::setTraceSink([this](int, const char*, int, const char*, const std::string& text) {
-              if (first_.empty()) first_ = text;
-            })) {}
-  ~StoreReports() { dova::setTraceSink(previous_); }
-  StoreReports(const StoreReports&) = delete;
-  StoreReports& operator=(const StoreReports&) = delete;
-
-  // Ends the command with status 2 when the store reported a failure.
-  void failIfReported(const std::string& what) const {
-    if (!first_.empty()) failWith(kTrouble, what + ": " + first_);
-  }
-
- private:
-  std::string first_;
-  dova::TraceSink previous_;
-};
+// Ends the command with status 2 when the store reported a failure while `reports` lived.
+void failIfReported(const TraceCapture& reports, const std::string& what) {
+  if (!reports.first().empty()) failWith(kTrouble, what + ": " + reports.first());
+}
 
 // The shortest text that reads back as exactly `value`, so a printed list can be set again.
 std::string exactText(double value) {
@@ -87,16 +69,16 @@ std::vector<double> parseList(const std::string& text) {
 }
 
 std::vector<double> readList(const char* what, std::vector<double> (*getter)()) {
-  StoreReports reports;
+  TraceCapture reports;
   std::vector<double> values = getter();
-  reports.failIfReported(std::string("cannot read ") + what);
+  failIfReported(reports, std::string("cannot read ") + what);
   return values;
 }
 
 std::string readSerialNumber() {
-  StoreReports reports;
+  TraceCapture reports;
   std::string sn = ImptData::getSN();
-  reports.failIfReported("cannot read the serial number");
+  failIfReported(reports, "cannot read the serial number");
   return sn;
 }
 
@@ -131,7 +113,7 @@ void runGet(const std::string& item) {
 
 void runSet(const std::string& item, const std::string& value) {
   bool stored = false;
-  StoreReports reports;
+  TraceCapture reports;
   if (item == "sn") {
     if (value.empty()) failWith(kTrouble, "the serial number must not be empty");
     stored = ImptData::setSN(value);
@@ -140,7 +122,7 @@ void runSet(const std::string& item, const std::string& value) {
     stored =
         item == "joint-offset" ? ImptData::setJointOffset(values) : ImptData::setJointLimit(values);
   }
-  reports.failIfReported("cannot store " + item);
+  failIfReported(reports, "cannot store " + item);
   if (!stored) failWith(kTrouble, "cannot store " + item);
 }
 

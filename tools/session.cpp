@@ -10,6 +10,7 @@
 #include "dova/init.h"
 #include "dova/trace.h"
 #include "exit_status.h"
+#include "trace_capture.h"
 
 namespace korcommon::cli {
 namespace {
@@ -73,13 +74,12 @@ Session::Session(const std::string& node_name) {
   dova::Options options;
   options.transport = cliTransport();
   std::string first_error;
-  // The platform explains a failed start in a trace; catch it for a one-line error.
-  const dova::TraceSink previous = dova::setTraceSink(
-      [&first_error](int level, const char*, int, const char*, const std::string& text) {
-        if (level >= dova::ERROR && first_error.empty()) first_error = text;
-      });
-  joined_ = dova::init(node_name, options);
-  dova::setTraceSink(previous);
+  {
+    // The platform explains a failed start in a trace; catch it for a one-line error.
+    const TraceCapture errors(dova::ERROR);
+    joined_ = dova::init(node_name, options);
+    first_error = errors.first();
+  }
   if (!joined_) {
     error_ = first_error.empty() ? std::string("dova::init failed") : first_error;
   }
