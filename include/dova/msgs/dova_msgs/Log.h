@@ -36,9 +36,6 @@ class Log final : public Msg {
   static constexpr int8_t ERROR = 8;
   static constexpr int8_t FATAL = 16;
 
-  // Bytes of the encoding besides the string bytes and the topics.
-  static constexpr size_t kFixedWireSize = 57;
-
   int serialize(uint8_t* buf, int /*size*/) const override {
     uint8_t* out = header.writeTo(buf);
     out = msgs::writeUint8(out, static_cast<uint8_t>(level));
@@ -79,14 +76,16 @@ class Log final : public Msg {
   }
 
   int serializedLength() const override {
-    size_t size = kFixedWireSize + header.wireSize() - std_msgs::Header::kFixedWireSize;
+    // Field by field, in the order serialize writes them.
+    size_t size = header.wireSize() + sizeof level;
     for (const std::string* text : {&name, &msg, &file, &function}) {
-      size += static_cast<uint32_t>(text->size());
+      size += msgs::stringWireSize(*text);
     }
+    size += sizeof line + sizeof(uint32_t);  // the line, then the count of topics
     for (const std::string& topic : topics) {
       size += msgs::stringWireSize(topic);
     }
-    return static_cast<int>(size);
+    return static_cast<int>(size + sizeof pid + sizeof tid);
   }
 
   std::string getType() const override { return "dova_msgs/Log"; }

@@ -66,7 +66,9 @@ class Header final : public Msg {
 
   // Non-virtual codec for the messages that embed a header, so their
   // encoders make no virtual call. Same contracts as serialize/deserialize.
-  size_t wireSize() const { return kFixedWireSize + static_cast<uint32_t>(frame_id.size()); }
+  size_t wireSize() const {
+    return sizeof seq + sizeof stamp.sec + sizeof stamp.nsec + msgs::stringWireSize(frame_id);
+  }
 
   uint8_t* writeTo(uint8_t* out) const {
     out = msgs::writeUint32(out, seq);
@@ -94,8 +96,6 @@ class Header final : public Msg {
     out.push_back('}');
   }
 
-  // Bytes of the encoding besides the frame_id bytes.
-  static constexpr size_t kFixedWireSize = 16;
   // Characters of the echo text besides the quoted frame_id, with room for
   // three ten-digit numbers.
   static constexpr size_t kEchoFixedSize = 80;
