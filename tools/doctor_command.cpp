@@ -22,6 +22,7 @@
 #include "dova/os/node_handle_base.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
+#include "korcommon/log.h"
 #include "session.h"
 #include "terminal.h"
 #include "trace_capture.h"
@@ -249,7 +250,7 @@ Check checkTrace() {
   static const char* const kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
   std::vector<std::string> hints;
 
-  int32_t level = 2;
+  int32_t level = korcommon::detail::kDefaultLogLevel;
   if (isSet("DOVA_LOG_LEVEL")) level = readAsLogger(environment("DOVA_LOG_LEVEL"));
   if (level >= 1 && level <= 5) {
     check.detail = "level " + std::to_string(level) + " (" + kLevels[level - 1] +
@@ -258,17 +259,20 @@ Check checkTrace() {
   } else {
     check.status = Check::kWarn;
     check.detail = "DOVA_LOG_LEVEL=" + quoted(environment("DOVA_LOG_LEVEL")) + " switches it off";
-    hints.push_back("DOVA_LOG_LEVEL takes 1 (debug and up) to 5 (fatal only); unset, 2");
+    hints.push_back("DOVA_LOG_LEVEL takes 1 (debug and up) to 5 (fatal only); unset, " +
+                    std::to_string(korcommon::detail::kDefaultLogLevel));
   }
 
+  const std::string default_size =
+      std::to_string(korcommon::detail::kDefaultLogSize) + "-byte messages";
   if (!isSet("DOVA_LOG_SIZE")) {
-    check.detail += ", 256-byte messages (default)";
+    check.detail += ", " + default_size + " (default)";
   } else if (const int32_t size = readAsLogger(environment("DOVA_LOG_SIZE")); size > 0) {
     check.detail += ", " + std::to_string(size) + "-byte messages";
   } else {
     check.status = Check::kWarn;
-    check.detail +=
-        ", DOVA_LOG_SIZE=" + quoted(environment("DOVA_LOG_SIZE")) + " ignored (256-byte messages)";
+    check.detail += ", DOVA_LOG_SIZE=" + quoted(environment("DOVA_LOG_SIZE")) + " ignored (" +
+                    default_size + ")";
     hints.push_back("DOVA_LOG_SIZE takes a positive byte count");
   }
 

@@ -27,8 +27,6 @@ std::mutex mutex_;
 
 namespace {
 
-constexpr int32_t kDefaultLevel = 2;
-constexpr int32_t kDefaultSize = 256;
 // Buffers up to this size live on the caller's stack; larger ones on the heap.
 constexpr int32_t kLargestStackBuffer = 16 * 1024;
 
@@ -58,12 +56,12 @@ int32_t setUpSetting(std::atomic<int32_t>& setting, const char* variable, int32_
 }
 
 int32_t setUpLevel() {
-  return setUpSetting(ROBOT_LOG_LEVEL, "DOVA_LOG_LEVEL", kDefaultLevel,
+  return setUpSetting(ROBOT_LOG_LEVEL, "DOVA_LOG_LEVEL", detail::kDefaultLogLevel,
                       [](int32_t) { return true; });
 }
 
 int32_t setUpSize() {
-  return setUpSetting(ROBOT_LOG_SIZE, "DOVA_LOG_SIZE", kDefaultSize,
+  return setUpSetting(ROBOT_LOG_SIZE, "DOVA_LOG_SIZE", detail::kDefaultLogSize,
                       [](int32_t size) { return size > 0; });
 }
 

@@ -36,6 +36,10 @@ void set_log_size(int size);
 
 namespace detail {
 
+// The settings when the environment does not give them.
+inline constexpr int32_t kDefaultLogLevel = 2;
+inline constexpr int32_t kDefaultLogSize = 256;
+
 // Whether the configured level lets a message of `level` through: 1 shows
 // DEBUG (1) and up, 2 INFO (2), 3 WARN (4), 4 ERROR (8), 5 FATAL (16) only;
 // any other configured level shows nothing.
