@@ -284,6 +284,18 @@ TEST_F(CliDiag, FiltersByLevelAndBySearchingTheName) {
   EXPECT_EQ(no_match->output(), "");
 }
 
+TEST_F(CliDiag, AMiddlewareThatCannotStartIsOneErrorLineWithItsReason) {
+  // The platform explains the failed start in a trace; the command says it once, on its own
+  // line, and the trace does not also reach the screen.
+  setenv("DOVA_TRANSPORT", "carrier-pigeon", 1);
+  const ToolResult refused = run({"diag", "echo", "--timeout", "1"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_EQ(refused.err,
+            "korcommon: cannot join the middleware: unknown transport \"carrier-pigeon\" "
+            "(known: local, dds)\n");
+}
+
 TEST_F(CliDiag, NothingArrivingEndsWithStatusOne) {
   auto echo_timeout = start({"diag", "echo", "--timeout", "1"});
   auto echo_once = start({"diag", "echo", "--once", "--timeout", "30"});

@@ -367,30 +367,36 @@ constexpr std::array<bool, 256> kEndsStringRun = [] {
   return ends;
 }();
 
+// The character at `text[index]` in byte `index` of a word.
+inline uint64_t byteAt(const char* text, size_t index) {
+  return uint64_t{static_cast<unsigned char>(text[index])} << (8 * index);
+}
+
+// The four characters at `text` in the low half of a word, the first in the lowest byte.
+inline uint64_t loadFour(const char* text) {
+  return byteAt(text, 0) | byteAt(text, 1) | byteAt(text, 2) | byteAt(text, 3);
+}
+
 // The eight characters at `text` as one word, the first in the lowest byte, whatever the byte
 // order of the machine (compilers make this a single load).
-inline uint64_t loadWord(const char* text) {
-  const auto byte = [text](int index) {
-    return uint64_t{static_cast<unsigned char>(text[index])} << (8 * index);
-  };
-  return byte(0) | byte(1) | byte(2) | byte(3) | byte(4) | byte(5) | byte(6) | byte(7);
-}
+inline uint64_t loadWord(const char* text) { return loadFour(text) | loadFour(text + 4) << 32; }
 
 constexpr uint64_t kOnes = 0x0101010101010101u;
 constexpr uint64_t kHighBits = 0x8080808080808080u;
 constexpr uint64_t kLowBits = 0x7F7F7F7F7F7F7F7Fu;
 
+// The high bit of each byte of `word` equal to `byte`. Exact for every byte.
+constexpr uint64_t equalBytes(uint64_t word, unsigned char byte) {
+  const uint64_t differences = word ^ (kOnes * byte);
+  return ~(((differences & kLowBits) + kLowBits) | differences) & kHighBits;
+}
+
 // The first character in [begin, end) that ends a run of plain string characters, or end.
 // Whole words of eight characters are tested at once.
 inline const char* findStringRunEnd(const char* begin, const char* end) {
-  const auto matches = [](uint64_t word, unsigned char byte) {
-    const uint64_t differences = word ^ (kOnes * byte);
-    // The lowest high bit set marks the first byte equal to `byte` exactly.
-    return (differences - kOnes) & ~differences & kHighBits;
-  };
   while (end - begin >= 8) {
     const uint64_t word = loadWord(begin);
-    const uint64_t found = matches(word, '"') | matches(word, '\\') | matches(word, '\n');
+    const uint64_t found = equalBytes(word, '"') | equalBytes(word, '\\') | equalBytes(word, '\n');
     if (found != 0) return begin + __builtin_ctzll(found) / 8;
     begin += 8;
   }
@@ -471,6 +477,25 @@ constexpr std::array<double, 23> kExactPowersOfTen = {
     1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
     1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
+// digits × 10^exponent into `magnitude` when a double holds both factors exactly, so that the
+// one rounding of the product or quotient is the right one; false, leaving `magnitude`,
+// otherwise.
+inline bool exactDecimal(uint64_t digits, int exponent, double& magnitude) {
+  constexpr int kLargestPower = static_cast<int>(kExactPowersOfTen.size() - 1);
+  if (digits > (uint64_t{1} << 53) || exponent < -kLargestPower || exponent > kLargestPower) {
+    return false;
+  }
+  const auto value = static_cast<double>(digits);
+  if (exponent == 0) {
+    magnitude = value;  // no division, whose latency would show on every integer
+  } else if (exponent < 0) {
+    magnitude = value / kExactPowersOfTen[static_cast<size_t>(-exponent)];
+  } else {
+    magnitude = value * kExactPowersOfTen[static_cast<size_t>(exponent)];
+  }
+  return true;
+}
+
 // Reads [begin, end) when it is a number in strict JSON form that converts exactly without
 // std::from_chars: up to 2^53 with a power of ten doubles hold exactly, or exactly 20
 // significant digits, as the writer produces them, with a power of ten from -27 to 18, which
@@ -523,20 +548,14 @@ inline bool readLongDecimal(const char* begin, const char* end, double& value) {
     exponent += negative_exponent ? -power : power;
   }
   if (next != end) return false;
-  double magnitude;
-  if (count == 0) {
-    magnitude = 0.0;
-  } else if (count < kMostDigits && leading <= (uint64_t{1} << 53) &&
-             exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1) &&
-             exponent < static_cast<int>(kExactPowersOfTen.size())) {
-    // Both operands exact, so the one rounding of the product or quotient is the right one.
-    const auto digits = static_cast<double>(leading);
-    magnitude = exponent < 0 ? digits / kExactPowersOfTen[static_cast<size_t>(-exponent)]
-                             : digits * kExactPowersOfTen[static_cast<size_t>(exponent)];
-  } else if (count != kMostDigits || exponent > 18 ||
-             exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
-    return false;
-  } else {
+  double magnitude = 0.0;
+  const bool exact =
+      count == 0 || (count < kMostDigits && exactDecimal(leading, exponent, magnitude));
+  if (!exact) {
+    if (count != kMostDigits || exponent > 18 ||
+        exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
+      return false;
+    }
     const Uint128 digits = Uint128{leading} * 10 + twentieth;
     if (exponent >= 0) {
       Uint128 product = digits;
@@ -572,8 +591,8 @@ constexpr uint64_t eightDigitsValue(uint64_t word) {
   return ((word & 0x0000FFFF0000FFFFu) * 42949672960001u) >> 32;
 }
 
-constexpr std::array<uint64_t, 9> kPowersOfTen = {
-    1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+constexpr std::array<uint64_t, 9> kPowersOfTen = {1,      10,      100,      1000,     10000,
+                                                  100000, 1000000, 10000000, 100000000};
 
 // The characters from `next` up to eight, but not past `end`, as one word like loadWord, zero
 // in the bytes past `end`. Short texts are read by overlapping loads rather than copied into a
@@ -581,21 +600,12 @@ constexpr std::array<uint64_t, 9> kPowersOfTen = {
 inline uint64_t loadUpToWord(const char* next, const char* end) {
   const auto remaining = static_cast<size_t>(end - next);
   if (remaining >= 8) return loadWord(next);
-  const auto byte = [next](size_t index) {
-    return uint64_t{static_cast<unsigned char>(next[index])} << (8 * index);
-  };
   if (remaining >= 4) {
     // The last four characters overlap the first four; the bytes they share are the same.
-    const uint64_t first = byte(0) | byte(1) | byte(2) | byte(3);
-    const uint64_t last = (uint64_t{static_cast<unsigned char>(end[-4])} |
-                           uint64_t{static_cast<unsigned char>(end[-3])} << 8 |
-                           uint64_t{static_cast<unsigned char>(end[-2])} << 16 |
-                           uint64_t{static_cast<unsigned char>(end[-1])} << 24)
-                          << (8 * (remaining - 4));
-    return first | last;
+    return loadFour(next) | loadFour(end - 4) << (8 * (remaining - 4));
   }
   if (remaining == 0) return 0;
-  return byte(0) | byte(remaining / 2) | byte(remaining - 1);
+  return byteAt(next, 0) | byteAt(next, remaining / 2) | byteAt(next, remaining - 1);
 }
 
 // Appends the run of digits in [next, end) to `digits`, eight at a time, and returns the end of
@@ -645,28 +655,10 @@ inline bool readShortDecimal(const char* begin, const char* end, double& value) 
   }
   // Too many digits, an exponent, or a text that is not a strict JSON number.
   if (count > kDigitsOf64Bits || next != end) return readLongDecimal(begin, end, value);
-  double magnitude;
-  if (digits == 0) {
-    magnitude = 0.0;
-  } else if (digits > (uint64_t{1} << 53)) {
-    return false;
-  } else if (exponent == 0) {
-    // An integer: exact, and no division, whose latency would show on every one.
-    magnitude = static_cast<double>(digits);
-  } else if (exponent >= -static_cast<int>(kExactPowersOfTen.size() - 1)) {
-    // Both operands exact, so the one rounding of the quotient is the right one.
-    magnitude = static_cast<double>(digits) / kExactPowersOfTen[static_cast<size_t>(-exponent)];
-  } else {
-    return false;
-  }
+  double magnitude = 0.0;
+  if (digits != 0 && !exactDecimal(digits, exponent, magnitude)) return false;
   value = negative ? -magnitude : magnitude;
   return true;
-}
-
-// The high bit of each byte of `word` equal to `byte`. Exact for every byte.
-constexpr uint64_t equalBytes(uint64_t word, unsigned char byte) {
-  const uint64_t differences = word ^ (kOnes * byte);
-  return ~(((differences & kLowBits) + kLowBits) | differences) & kHighBits;
 }
 
 // The high bit of each byte of `word` that can be part of a number token.
@@ -910,7 +902,6 @@ inline std::string& Reader::MatchExpectedToken(Token::Type type, TokenStream& to
   if (token.type != type) throwUnexpectedToken(token);
   return token.value;
 }
-
 
 inline void Reader::enterContainer(const Token& opening) {
   if (++nesting_depth_ > kMaxNestingDepth) {

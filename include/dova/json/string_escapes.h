@@ -10,19 +10,6 @@ namespace dova {
 namespace json {
 namespace string_escapes {
 
-// Bytes that are not copied through unchanged: the ones with a short escape and the leads of
-// two- and three-byte UTF-8 sequences (0xC0 to 0xEF).
-constexpr std::array<bool, 256> specialBytes() {
-  std::array<bool, 256> special{};
-  for (const char escaped : {'"', '\\', '\b', '\f', '\n', '\r', '\t'}) {
-    special[static_cast<unsigned char>(escaped)] = true;
-  }
-  for (size_t lead = 0xC0; lead <= 0xEF; ++lead) special[lead] = true;
-  return special;
-}
-
-constexpr std::array<bool, 256> kSpecialBytes = specialBytes();
-
 constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
 // The two-character escape of `byte`, or null when it has none.
@@ -46,6 +33,19 @@ constexpr const char* shortEscape(unsigned char byte) {
       return nullptr;
   }
 }
+
+// Bytes that are not copied through unchanged: the ones with a short escape and the leads of
+// two- and three-byte UTF-8 sequences (0xC0 to 0xEF).
+constexpr std::array<bool, 256> specialBytes() {
+  std::array<bool, 256> special{};
+  for (size_t byte = 0; byte < special.size(); ++byte) {
+    special[byte] =
+        shortEscape(static_cast<unsigned char>(byte)) != nullptr || (byte >= 0xC0 && byte <= 0xEF);
+  }
+  return special;
+}
+
+constexpr std::array<bool, 256> kSpecialBytes = specialBytes();
 
 // The six characters "\uXXXX" of a code point below 0x10000, in lowercase hexadecimal.
 inline std::array<char, 6> unicodeEscape(unsigned code) {
