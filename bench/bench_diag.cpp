@@ -21,6 +21,7 @@
 
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "korcommon/Diagnostics.h"
 
@@ -48,7 +49,7 @@ class DiagnosticsLoop {
       }
       delivered_.fetch_add(1, std::memory_order_release);
     };
-    subscriber_.setTopic("/diagnostics_value");
+    subscriber_.setTopic(dova::msgs::kDiagnosticsTopic);
     ready_ = ready_ && dova::nh()->subscribe(subscriber_, false, true, -1);
   }
 
@@ -62,7 +63,8 @@ class DiagnosticsLoop {
   // REQUIRES: index < capacity.
   void publish(size_t index) {
     sent_[index] = Clock::now();
-    korcommon::Diagnostics::publish("motor_temp", static_cast<int>(index), 1,
+    korcommon::Diagnostics::publish("motor_temp", static_cast<int>(index),
+                                    dova::diagnostic_msgs::DiagnosticValue::WARN,
                                     "temperature 71.5 C above limit");
   }
 

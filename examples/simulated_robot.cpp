@@ -10,6 +10,7 @@
 // The launcher's children are this program again, given a role:
 //   simulated_robot component INDEX START_MS | monitor START_MS
 #include <dova/init.h>
+#include <dova/msgs/dova_msgs/Log.h>
 #include <korcommon/Diagnostics.h>
 #include <korcommon/log.h>
 #include <signal.h>
@@ -31,10 +32,12 @@
 namespace {
 
 using dova::diagnostic_msgs::DiagnosticValue;
+using dova::dova_msgs::Log;
 
-constexpr int kOk = 0;
-constexpr int kWarn = 1;
-constexpr int kError = 2;
+// Short names for the report levels the components table uses.
+constexpr int kOk = DiagnosticValue::OK;
+constexpr int kWarn = DiagnosticValue::WARN;
+constexpr int kError = DiagnosticValue::ERROR;
 constexpr auto kRunTime = std::chrono::seconds(10);
 constexpr auto kReportPeriod = std::chrono::milliseconds(250);
 
@@ -161,7 +164,9 @@ void runComponent(const Component& component, const std::atomic<bool>& running) 
     korcommon::Diagnostics::publish(component.name, component.frame, report.code, report.level,
                                     report.message);
     if (report.level != last_level) {
-      const int trace_level = report.level == kError ? 8 : report.level == kWarn ? 4 : 2;
+      const int trace_level = report.level == kError  ? Log::ERROR
+                              : report.level == kWarn ? Log::WARN
+                                                      : Log::INFO;
       korcommon::mtrace(trace_level, __FILE__, __LINE__, "runComponent", "%s: %s",
                         component.name.c_str(), report.message.c_str());
       last_level = report.level;

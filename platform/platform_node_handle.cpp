@@ -6,6 +6,7 @@
 
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/topics.h"
 
 namespace dova::platform {
 
@@ -13,11 +14,11 @@ namespace {
 // Built once: the bus takes topic names as strings, and building one for each
 // publication (a heap allocation for the longer name) showed in every call.
 const std::string& diagnosticsTopic() {
-  static const std::string topic = "/diagnostics_value";
+  static const std::string topic = msgs::kDiagnosticsTopic;
   return topic;
 }
 const std::string& logTopic() {
-  static const std::string topic = "/dova_log";
+  static const std::string topic = msgs::kLogTopic;
   return topic;
 }
 }  // namespace

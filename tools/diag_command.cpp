@@ -15,6 +15,7 @@
 
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/msg.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "exit_status.h"
@@ -28,10 +29,10 @@ namespace {
 using dova::diagnostic_msgs::DiagnosticValue;
 using ReportPtr = std::shared_ptr<const DiagnosticValue>;
 
-constexpr char kDiagnosticsTopic[] = "/diagnostics_value";
+using dova::msgs::kDiagnosticsTopic;
 // As Diagnostics::subscribe: reports of the first 3 s are collected and shown together,
 // 3 s after the first of them, so the replayed state of every reporter comes as one batch.
-constexpr auto kCollection = std::chrono::seconds(3);
+constexpr auto kCollection = dova::msgs::kDiagnosticsCollectionWindow;
 
 // OK, WARN and ERROR by name (any case) or number; nullopt for anything else.
 std::optional<int> parseDiagLevel(const std::string& text) {

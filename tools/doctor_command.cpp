@@ -19,6 +19,7 @@
 
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
@@ -64,12 +65,12 @@ class NodeCensus {
       seen(report->caller_id);
     };
     diagnostics_.callback_kind = 2;
-    diagnostics_.setTopic("/diagnostics_value");
+    diagnostics_.setTopic(dova::msgs::kDiagnosticsTopic);
     records_.callback_ptr = [this](const std::shared_ptr<const Record>& record) {
       seen(record->caller_id);
     };
     records_.callback_kind = 2;
-    records_.setTopic("/dova_log");
+    records_.setTopic(dova::msgs::kLogTopic);
     subscribed_ = dova::nh()->subscribe(diagnostics_, true, true, -1) &&
                   dova::nh()->subscribe(records_, true, true, -1);
     std::unique_lock<std::mutex> lock(session_.mutex());

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "exit_status.h"
 #include "session.h"
@@ -20,7 +21,7 @@ namespace {
 using dova::dova_msgs::Log;
 using RecordPtr = std::shared_ptr<const Log>;
 
-constexpr char kLogTopic[] = "/dova_log";
+using dova::msgs::kLogTopic;
 // The trace logger's colours; its lines end with this reset.
 constexpr char kTraceNormal[] = "\033[1;00m";
 constexpr char kTraceWarn[] = "\033[1;33m";

@@ -1,11 +1,14 @@
 #include "korcommon/Diagnostics.h"
 
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "korcommon/log.h"
@@ -14,10 +17,11 @@ namespace korcommon {
 namespace {
 
 using dova::diagnostic_msgs::DiagnosticValue;
+using dova::dova_msgs::Log;
 using DiagnosticValuePtr = std::shared_ptr<const DiagnosticValue>;
 
-constexpr char kTopic[] = "/diagnostics_value";
-constexpr double kCollectionSeconds = 3.0;
+constexpr double kCollectionSeconds =
+    std::chrono::duration<double>(dova::msgs::kDiagnosticsCollectionWindow).count();
 
 // The state one subscription shares between its delivery function and its
 // hand-over thread.
@@ -60,7 +64,7 @@ void Diagnostics::publish(const std::string& name, int code, int level,
 void Diagnostics::publish(const std::string& name, const std::string& frame_id, int code, int level,
                           const std::string& message) {
   if (!dova::nh()->ok()) {
-    mtrace(8, __FILE__, __LINE__, "publish", "Please init dova!");
+    mtrace(Log::ERROR, __FILE__, __LINE__, "publish", "Please init dova!");
     return;
   }
   DiagnosticValue value;
@@ -75,7 +79,7 @@ void Diagnostics::publish(const std::string& name, const std::string& frame_id, 
 
 void Diagnostics::subscribe(Callback callback) {
   if (!dova::nh()->ok()) {
-    mtrace(8, __FILE__, __LINE__, "subscribe", "Please init dova!");
+    mtrace(Log::ERROR, __FILE__, __LINE__, "subscribe", "Please init dova!");
     return;
   }
   auto info = std::make_shared<MsgMapInfo>();
@@ -104,10 +108,10 @@ void Diagnostics::subscribe(Callback callback) {
   keepForever(subscriber);
   subscriber->callback_ptr = std::move(deliver);
   subscriber->callback_kind = 2;
-  subscriber->msg_type = "diagnostic_msgs/DiagnosticValue";
-  subscriber->msg_md5 = "879d5c821998ca0ab6e3520e8c63e5fc";
+  subscriber->msg_type = subscriber->msg.getType();
+  subscriber->msg_md5 = subscriber->msg.getMD5();
   subscriber->msg_def = subscriber->msg.getDefinition();
-  subscriber->setTopic(kTopic);
+  subscriber->setTopic(dova::msgs::kDiagnosticsTopic);
   dova::nh()->subscribe(*subscriber, true, true, -1);  // result deliberately ignored
 }
 

@@ -132,18 +132,18 @@ void printScreenLine(int level, const char* file, int line, const char* text) {
   const char* letter = "D";
   const char* colour = kColourReset;
   switch (level) {
-    case 2:
+    case dova::dova_msgs::Log::INFO:
       letter = "I";
       break;
-    case 4:
+    case dova::dova_msgs::Log::WARN:
       letter = "W";
       colour = "\033[1;33m";
       break;
-    case 8:
+    case dova::dova_msgs::Log::ERROR:
       letter = "E";
       colour = "\033[1;31m";
       break;
-    case 16:
+    case dova::dova_msgs::Log::FATAL:
       letter = "F";
       colour = "\033[1;31m";
       break;

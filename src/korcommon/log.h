@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "dova/trace.h"
+
 namespace korcommon {
 
 // The configured level, 1 (DEBUG and up) to 5 (FATAL only); any other value
@@ -48,13 +50,13 @@ constexpr bool passesLevel(int32_t configured, int level) {
     case 1:
       return true;
     case 2:
-      return level >= 2;
+      return level >= dova::INFO;
     case 3:
-      return level >= 4;
+      return level >= dova::WARN;
     case 4:
-      return level >= 8;
+      return level >= dova::ERROR;
     case 5:
-      return level >= 16;
+      return level >= dova::FATAL;
     default:
       return false;
   }

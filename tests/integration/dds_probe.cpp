@@ -13,6 +13,7 @@
 #include <dova/init.h>
 #include <dova/msgs/diagnostic_msgs/DiagnosticValue.h>
 #include <dova/msgs/frame_check.h>
+#include <dova/msgs/topics.h>
 #include <korcommon/Diagnostics.h>
 
 #include <chrono>
@@ -48,7 +49,7 @@ void linger(long milliseconds) {
 
 int publish(const std::string& node, long count, long names, int subscribers, long linger_ms) {
   if (!dova::init(node, dova::Options{"dds", 1, true, -1})) return 2;
-  if (!waitForSubscribers("/diagnostics_value", subscribers)) return 3;
+  if (!waitForSubscribers(dova::msgs::kDiagnosticsTopic, subscribers)) return 3;
   for (long i = 0; i < count; ++i) {
     korcommon::Diagnostics::publish(node + "/r" + std::to_string(i % names), static_cast<int>(i), 0,
                                     "seq " + std::to_string(i));

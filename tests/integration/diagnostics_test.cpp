@@ -23,6 +23,7 @@
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/topics.h"
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "trace_capture.h"
@@ -528,7 +529,7 @@ TEST_F(Diagnostics, FrameOfAnotherTypeIsDroppedWithAWarningAndNeverDecoded) {
     log_reader.setTopic(kTopic);
     // A DiagnosticValue subscriber on the log topic, reading Log frames.
     auto wrong_topic_inbox = Inbox::create();
-    ProbeSubscriber on_log_topic(wrong_topic_inbox, "/dova_log");
+    ProbeSubscriber on_log_topic(wrong_topic_inbox, dova::msgs::kLogTopic);
     // And one that matches, which must be unaffected.
     auto inbox = Inbox::create();
     ProbeSubscriber matching(inbox);

@@ -5,6 +5,7 @@
 
 #include "dds_domain.h"
 #include "dova/init.h"
+#include "dova/msgs/topics.h"
 
 namespace korcommon::testing {
 
@@ -21,7 +22,7 @@ void DdsFixture::TearDown() { dova::shutdown(); }
 void DdsFixture::subscribe(std::function<void(const DiagnosticValue&)> on_report, bool latched) {
   subscribers_.push_back(std::make_unique<dova::Subscriber<DiagnosticValue>>());
   dova::Subscriber<DiagnosticValue>& subscriber = *subscribers_.back();
-  subscriber.setTopic("/diagnostics_value");
+  subscriber.setTopic(dova::msgs::kDiagnosticsTopic);
   subscriber.callback_kind = 0;
   subscriber.callback_ref = std::move(on_report);
   ASSERT_TRUE(dova::nh()->subscribe(subscriber, latched, true, -1));
