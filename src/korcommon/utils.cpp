@@ -1,7 +1,6 @@
 #include "korcommon/utils.h"
 
 #include <exception>
-#include <limits>
 #include <optional>
 #include <sstream>
 #include <utility>
@@ -9,6 +8,7 @@
 #include "dova/guid.h"
 #include "dova/json/reader.h"
 #include "dova/json/writer.h"
+#include "dova/msgs/number_cast.h"
 #include "dova/time.h"
 #include "dova/trace.h"
 #include "korcommon/imptdata_files.h"
@@ -87,14 +87,6 @@ std::string memberText(const std::string& text, const char* name, const char* fu
     // A missing member is added as Null; it and any non-string read as "".
     return signal[name].ConvertTo<dova::json::String>().Value();
   });
-}
-
-// Truncation toward zero. Received text can carry any number, so values beyond the range of
-// long saturate rather than hit the undefined out-of-range conversion.
-long truncateToLong(double milliseconds) {
-  constexpr double kBound = 9223372036854775808.0;  // 2^63
-  if (milliseconds >= -kBound && milliseconds < kBound) return static_cast<long>(milliseconds);
-  return milliseconds < 0 ? std::numeric_limits<long>::min() : std::numeric_limits<long>::max();
 }
 
 }  // namespace
@@ -251,7 +243,9 @@ long parseSigTimestamp(const std::string& signal) {
   return neutralOnError("parseSigTimestamp", -1L, [&] {
     Object envelope;
     readSignal(signal, envelope);
-    return truncateToLong(envelope["timestamp"].ConvertTo<dova::json::Number>());
+    // The messages' rule for integers from JSON numbers: received text can carry any number.
+    return static_cast<long>(
+        dova::msgs::truncateToInt64(envelope["timestamp"].ConvertTo<dova::json::Number>()));
   });
 }
 

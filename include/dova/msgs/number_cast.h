@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <limits>
 
-// Conversions of JSON numbers (doubles) to the messages' integer fields.
+// Conversions of JSON numbers (doubles) to integers: the messages' integer
+// fields, and the timestamp read from a signal envelope, follow one rule.
 // Every value, NaN and infinities included, has a defined result: in range,
 // truncation toward zero; out of range or NaN, the result the x86-64
 // truncating conversion gives (the "integer indefinite" value, the lowest
