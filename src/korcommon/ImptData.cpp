@@ -1,5 +1,7 @@
 #include "korcommon/ImptData.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <exception>
 #include <system_error>
@@ -21,6 +23,12 @@ constexpr char kUrdfDirectory[] = "/opt/quor/imptdata/urdf/";
 
 constexpr char kOpenDataDirectory[] = "chmod -R 777 /opt/quor/imptdata";
 constexpr char kOpenUrdfDirectory[] = "chmod -R 777 /opt/quor/imptdata/urdf";
+
+// Whether `path` itself, not what it points to, is a symbolic link.
+bool isSymbolicLink(const char* path) {
+  struct stat status {};
+  return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+}
 
 // The shell's result is deliberately ignored: a failed mode change does not
 // undo a value that is already stored.
@@ -89,6 +97,14 @@ std::string ImptData::getUrdfDir() {
   if (error) {
     throw dova::filesystem::filesystem_error(dova::filesystem::errorText(error.value()), directory,
                                              error);
+  }
+  // "chmod -R" follows a link named on its command line and opens the whole tree it points
+  // to; whoever can replace the directory must not choose that tree.
+  const dova::filesystem::path entry = directory.parent_path();  // without the trailing "/"
+  if (isSymbolicLink(entry.c_str())) {
+    dova::mtrace(dova::ERROR, __FILE__, __LINE__, "getUrdfDir", false,
+                 "%s is a symbolic link: its mode is left unchanged", entry.c_str());
+    return kUrdfDirectory;
   }
   runModeChange(kOpenUrdfDirectory);
   return kUrdfDirectory;

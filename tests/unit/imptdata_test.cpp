@@ -183,6 +183,23 @@ TEST_F(ImptDataTest, UrdfDirIsCreatedAndOpenedAtEveryCall) {
   EXPECT_EQ(modeOf("/opt/quor/imptdata/urdf/robot.urdf"), 0777u);
 }
 
+TEST_F(ImptDataTest, UrdfDirThatIsALinkIsReportedAndNotOpened) {
+  writeFile("/opt/elsewhere/secret", "key");
+  ASSERT_EQ(chmod("/opt/elsewhere", 0700), 0);
+  ASSERT_EQ(chmod("/opt/elsewhere/secret", 0600), 0);
+  fs::create_directories(kDataDirectory);
+  ASSERT_EQ(symlink("/opt/elsewhere", "/opt/quor/imptdata/urdf"), 0) << std::strerror(errno);
+
+  TraceCapture capture;
+  EXPECT_EQ(ImptData::getUrdfDir(), "/opt/quor/imptdata/urdf/");
+  EXPECT_EQ(modeOf("/opt/elsewhere"), 0700u);
+  EXPECT_EQ(modeOf("/opt/elsewhere/secret"), 0600u);
+  ASSERT_EQ(capture.reports().size(), 1u);
+  EXPECT_EQ(capture.reports()[0].level, dova::ERROR);
+  EXPECT_EQ(capture.reports()[0].function, "getUrdfDir");
+  EXPECT_NE(capture.reports()[0].text.find("/opt/quor/imptdata/urdf"), std::string::npos);
+}
+
 // A writer killed at any moment leaves the old or the new complete value.
 TEST_F(ImptDataTest, KilledWriterLeavesOldOrNewValue) {
   const std::vector<double> old_value(12, 0.125);
