@@ -4,7 +4,7 @@
 PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 
-.PHONY: all deps configure build test demo tour bench install format test-asan test-tsan clean
+.PHONY: all deps configure build test demo tour bench install format lint test-asan test-tsan clean
 
 all: build
 
@@ -48,6 +48,9 @@ install: build
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+lint: build
+	scripts/lint $(BUILD_DIR)
 
 clean:
 	rm -rf build
