@@ -7,6 +7,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dova/filesystem/filesystem.h"
@@ -19,11 +20,7 @@ namespace {
 
 constexpr char kUrdfDirectory[] = "/opt/quor/imptdata/urdf/";
 constexpr char kNone[] = "(none)";
-
-// Ends the command with status 2 when the store reported a failure while `reports` lived.
-void failIfReported(const TraceCapture& reports, const std::string& what) {
-  if (!reports.first().empty()) failWith(kTrouble, what + ": " + reports.first());
-}
+constexpr char kUnreadable[] = "(unreadable)";
 
 // The shortest text that reads back as exactly `value`, so a printed list can be set again.
 std::string exactText(double value) {
@@ -68,40 +65,80 @@ std::vector<double> parseList(const std::string& text) {
   }
 }
 
-std::vector<double> readList(const char* what, std::vector<double> (*getter)()) {
+// One stored value as `show` and `get` print it, or why it could not be read.
+struct ReadResult {
+  std::string text;
+  std::string error;  // empty when read
+};
+
+template <typename Read>
+ReadResult readValue(const char* what, Read read) {
   TraceCapture reports;
-  std::vector<double> values = getter();
-  failIfReported(reports, std::string("cannot read ") + what);
-  return values;
+  ReadResult result;
+  result.text = read();
+  if (!reports.first().empty()) {
+    result.error = std::string("cannot read ") + what + ": " + reports.first();
+  }
+  return result;
 }
 
-std::string readSerialNumber() {
-  TraceCapture reports;
-  std::string sn = ImptData::getSN();
-  failIfReported(reports, "cannot read the serial number");
-  return sn;
+ReadResult readSerialNumber() {
+  return readValue("the serial number", [] {
+    const std::string sn = ImptData::getSN();
+    return sn.empty() ? std::string(kNone) : sn;
+  });
 }
 
+ReadResult readJointOffsets() {
+  return readValue("the joint offsets", [] { return listText(ImptData::getJointOffset()); });
+}
+
+ReadResult readJointLimits() {
+  return readValue("the joint limits", [] { return listText(ImptData::getJointLimit()); });
+}
+
+// Prints every value it can read, marking the unreadable ones, so that one damaged file
+// hides none of the others; then fails naming the first unreadable one.
 void runShow() {
-  const std::string sn = readSerialNumber();
-  const std::vector<double> offsets = readList("the joint offsets", &ImptData::getJointOffset);
-  const std::vector<double> limits = readList("the joint limits", &ImptData::getJointLimit);
+  const std::pair<const char*, ReadResult> values[] = {{"serial number: ", readSerialNumber()},
+                                                       {"joint offsets: ", readJointOffsets()},
+                                                       {"joint limits:  ", readJointLimits()}};
+  std::string first_error;
+  for (const auto& [label, value] : values) {
+    std::cout << label << (value.error.empty() ? value.text : kUnreadable) << '\n';
+    if (first_error.empty()) first_error = value.error;
+  }
   // Showing must not create the directory, unlike "get urdf-dir".
   const bool has_urdf = std::filesystem::is_directory(kUrdfDirectory);
-  std::cout << "serial number: " << (sn.empty() ? kNone : sn) << '\n'
-            << "joint offsets: " << listText(offsets) << '\n'
-            << "joint limits:  " << listText(limits) << '\n'
-            << "urdf dir:      " << (has_urdf ? kUrdfDirectory : kNone) << '\n';
+  std::cout << "urdf dir:      " << (has_urdf ? kUrdfDirectory : kNone) << '\n';
+  if (!first_error.empty()) failWith(kTrouble, first_error);
+}
+
+// The reason `sn` cannot be a serial number, or empty when it can: it stands in every
+// envelope's accid and in one-line reports, so it needs a visible character and one line.
+std::string serialNumberProblem(const std::string& sn) {
+  if (sn.empty()) return "the serial number must not be empty";
+  if (sn.find_first_of("\n\r") != std::string::npos) {
+    return "the serial number must not contain a line break";
+  }
+  if (sn.find_first_not_of(" \t\v\f") == std::string::npos) {
+    return "the serial number must not be blank";
+  }
+  return std::string();
+}
+
+void printOrFail(const ReadResult& value) {
+  if (!value.error.empty()) failWith(kTrouble, value.error);
+  std::cout << value.text << '\n';
 }
 
 void runGet(const std::string& item) {
   if (item == "sn") {
-    const std::string sn = readSerialNumber();
-    std::cout << (sn.empty() ? kNone : sn) << '\n';
+    printOrFail(readSerialNumber());
   } else if (item == "joint-offset") {
-    std::cout << listText(readList("the joint offsets", &ImptData::getJointOffset)) << '\n';
+    printOrFail(readJointOffsets());
   } else if (item == "joint-limit") {
-    std::cout << listText(readList("the joint limits", &ImptData::getJointLimit)) << '\n';
+    printOrFail(readJointLimits());
   } else {
     try {
       std::cout << ImptData::getUrdfDir() << '\n';
@@ -115,14 +152,15 @@ void runSet(const std::string& item, const std::string& value) {
   bool stored = false;
   TraceCapture reports;
   if (item == "sn") {
-    if (value.empty()) failWith(kTrouble, "the serial number must not be empty");
+    const std::string problem = serialNumberProblem(value);
+    if (!problem.empty()) failWith(kTrouble, problem);
     stored = ImptData::setSN(value);
   } else {
     const std::vector<double> values = parseList(value);
     stored =
         item == "joint-offset" ? ImptData::setJointOffset(values) : ImptData::setJointLimit(values);
   }
-  failIfReported(reports, "cannot store " + item);
+  if (!reports.first().empty()) failWith(kTrouble, "cannot store " + item + ": " + reports.first());
   if (!stored) failWith(kTrouble, "cannot store " + item);
 }
 
@@ -133,9 +171,23 @@ void addImptdataCommand(CLI::App& app) {
       "imptdata",
       "Read and write this robot's serial number and calibration in /opt/quor/imptdata");
   imptdata->require_subcommand(1);
+  imptdata->footer(
+      "Examples:\n"
+      "  korcommon imptdata show\n"
+      "  korcommon imptdata set sn RB-0001\n"
+      "  korcommon imptdata get joint-offset");
 
-  imptdata->add_subcommand("show", "Print every stored value; (none) where absent")
-      ->callback(runShow);
+  CLI::App* show =
+      imptdata->add_subcommand("show", "Print every stored value; (none) where absent");
+  show->footer(
+      "A value whose file cannot be read shows as (unreadable); the others are still\n"
+      "printed, and the reason follows on standard error.\n"
+      "\n"
+      "Exit status: 0 printed; 2 bad usage, or a value cannot be read.\n"
+      "\n"
+      "Example:\n"
+      "  korcommon imptdata show");
+  show->callback(runShow);
 
   auto get_item = std::make_shared<std::string>();
   CLI::App* get = imptdata->add_subcommand("get", "Print one stored value; (none) when absent");
@@ -146,7 +198,11 @@ void addImptdataCommand(CLI::App& app) {
       "Lists print as V1,V2,... with every digit needed to read back the same doubles.\n"
       "urdf-dir creates the directory when it is missing.\n"
       "\n"
-      "Exit status: 0 printed; 2 bad usage, or the value cannot be read.");
+      "Exit status: 0 printed; 2 bad usage, or the value cannot be read.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon imptdata get sn\n"
+      "  korcommon imptdata get joint-limit");
   get->callback([get_item] { runGet(*get_item); });
 
   auto set_item = std::make_shared<std::string>();
@@ -162,8 +218,15 @@ void addImptdataCommand(CLI::App& app) {
       "The file is replaced in one step: a crash leaves the old or the new value. The\n"
       "directory is then opened to every user (chmod -R 777 /opt/quor/imptdata).\n"
       "\n"
+      "A serial number needs a visible character and no line break.\n"
+      "\n"
       "Exit status: 0 stored; 2 bad usage, a value that is not a list of finite numbers,\n"
-      "an empty value, or storage that cannot be written. Nothing changes on failure.");
+      "an unusable serial number, or storage that cannot be written. Nothing changes on\n"
+      "failure.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon imptdata set sn RB-0001\n"
+      "  korcommon imptdata set joint-offset 0.1,-1.5,0.002");
   set->callback([set_item, set_value] { runSet(*set_item, *set_value); });
 }
 

@@ -6,9 +6,11 @@
 #include "diag_command.h"
 #include "doctor_command.h"
 #include "exit_status.h"
+#include "help_command.h"
 #include "imptdata_command.h"
 #include "log_command.h"
 #include "sig_command.h"
+#include "usage_error.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Tools for the korcommon services of a legged robot.", "korcommon");
@@ -17,15 +19,22 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(
       "Exit status: 0 done; 1 a negative answer (e.g. an invalid envelope); 2 bad usage or\n"
-      "input that cannot be read. Errors are one line on standard error.");
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "korcommon: " + std::string(error.what()) + " (see --help)\n";
+      "input that cannot be read. Errors are one line on standard error.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon sig make walk on > envelope.json\n"
+      "  korcommon sig inspect envelope.json\n"
+      "  korcommon diag echo --once\n"
+      "  korcommon help diag pub");
+  app.failure_message([](const CLI::App* root, const CLI::Error& error) {
+    return "korcommon: " + korcommon::cli::usageError(*root, error) + '\n';
   });
   korcommon::cli::addSigCommand(app);
   korcommon::cli::addImptdataCommand(app);
   korcommon::cli::addDiagCommand(app);
   korcommon::cli::addLogCommand(app);
   korcommon::cli::addDoctorCommand(app);
+  korcommon::cli::addHelpCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -2,10 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -21,22 +24,45 @@ struct MakeArguments {
   std::string title;
   std::string data;
   std::string guid;
-  long timestamp = 0;
+  std::string timestamp;
   bool json_data = false;
   CLI::Option* guid_option = nullptr;
   CLI::Option* timestamp_option = nullptr;
 };
+
+// `text` as a timestamp an envelope is made from: a decimal whole number of milliseconds in
+// the signed 64-bit range; nothing for any other text.
+std::optional<long> parseTimestamp(const std::string& text) {
+  long value = 0;
+  const char* end = text.data() + text.size();
+  const std::from_chars_result parsed = std::from_chars(text.data(), end, value);
+  if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
+  return value;
+}
+
+CLI::Validator timestampValidator() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        if (parseTimestamp(text)) return std::string();
+        return "\"" + text + "\" is not a whole number of milliseconds from " +
+               std::to_string(std::numeric_limits<long>::min()) + " to " +
+               std::to_string(std::numeric_limits<long>::max());
+      },
+      "");
+}
 
 // The createSigString overload that matches the options given.
 template <typename Data>
 std::string makeEnvelopeText(const MakeArguments& arguments, const Data& data) {
   const bool has_guid = arguments.guid_option->count() > 0;
   const bool has_timestamp = arguments.timestamp_option->count() > 0;
+  // Checked while parsing, by timestampValidator().
+  const long timestamp = has_timestamp ? *parseTimestamp(arguments.timestamp) : 0;
   if (has_guid && has_timestamp) {
-    return createSigString(arguments.title, arguments.guid, arguments.timestamp, data);
+    return createSigString(arguments.title, arguments.guid, timestamp, data);
   }
   if (has_guid) return createSigString(arguments.title, arguments.guid, data);
-  if (has_timestamp) return createSigString(arguments.title, arguments.timestamp, data);
+  if (has_timestamp) return createSigString(arguments.title, timestamp, data);
   return createSigString(arguments.title, data);
 }
 
@@ -44,6 +70,11 @@ void runMake(const MakeArguments& arguments) {
   if (!arguments.json_data) {
     std::cout << makeEnvelopeText(arguments, arguments.data) << '\n';
     return;
+  }
+  // The reader would name the first token that cannot start an object; say what is wanted.
+  const size_t first = arguments.data.find_first_not_of(" \t\n\r");
+  if (first == std::string::npos || arguments.data[first] != '{') {
+    failWith(kTrouble, "--json-data: DATA must be a JSON object");
   }
   dova::json::Object payload;
   std::istringstream stream(arguments.data);
@@ -63,14 +94,20 @@ void addMake(CLI::App& sig) {
   arguments->guid_option = make->add_option("--guid", arguments->guid, "Use this guid");
   arguments->timestamp_option =
       make->add_option("--timestamp", arguments->timestamp, "Use this time, in ms since the epoch")
-          ->type_name("MS");
+          ->type_name("MS")
+          ->check(timestampValidator());
   make->add_flag("--json-data", arguments->json_data,
                  "DATA is a JSON object, nested as one instead of stored as a string");
   make->footer(
       "The accid is this robot's serial number (\"\" when it has none); a guid or timestamp\n"
-      "not given is generated.\n"
+      "not given is generated. MS is a whole number from -9223372036854775808 to\n"
+      "9223372036854775807 (beyond 2^53 the envelope's number keeps fewer digits).\n"
       "\n"
-      "Exit status: 0 printed; 2 bad usage, or DATA not a JSON object with --json-data.");
+      "Exit status: 0 printed; 2 bad usage, or DATA not a JSON object with --json-data.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon sig make walk on > envelope.json\n"
+      "  korcommon sig make pose '{\"x\":0.5}' --json-data --guid g-1 --timestamp 1700000000123");
   make->callback([arguments] { runMake(*arguments); });
 }
 
@@ -148,7 +185,11 @@ void addInspect(CLI::App& sig) {
       "  valid|invalid              valid when all five members are present\n"
       "\n"
       "Exit status: 0 valid; 1 invalid; 2 bad usage or unreadable input: FILE cannot be\n"
-      "opened or read, or its text is not one JSON object (nothing is printed then).");
+      "opened or read, or its text is not one JSON object (nothing is printed then).\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon sig inspect envelope.json\n"
+      "  korcommon sig make walk on | korcommon sig inspect");
   inspect->callback([file] { runInspect(*file); });
 }
 
@@ -157,6 +198,13 @@ void addInspect(CLI::App& sig) {
 void addSigCommand(CLI::App& app) {
   CLI::App* sig = app.add_subcommand("sig", "Make and inspect signal envelopes");
   sig->require_subcommand(1);
+  sig->footer(
+      "A signal envelope is one JSON object: accid (this robot's serial number), title,\n"
+      "guid, timestamp (ms since the epoch) and data.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon sig make walk on > envelope.json\n"
+      "  korcommon sig inspect envelope.json");
   addMake(*sig);
   addInspect(*sig);
 }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korcommon/ImptData.h"
@@ -81,22 +82,43 @@ TEST_F(CliImptdata, SetThenGetRoundTripsExactly) {
             "urdf dir:      /opt/quor/imptdata/urdf/\n");
 }
 
-TEST_F(CliImptdata, BadValuesFailWithOneLineAndChangeNothing) {
+// Every refused command line: status 2, nothing on standard output, one line on standard
+// error that names the problem, and the store as it was.
+TEST_F(CliImptdata, ErrorsNameTheProblemAndChangeNothing) {
   ASSERT_TRUE(ImptData::setJointOffset({1.0, 2.0}));
   const std::string before = readFile("/opt/quor/imptdata/joint_offset.yaml");
-  const std::vector<std::vector<std::string>> bad = {
-      {"imptdata", "set", "joint-offset", "1,abc"}, {"imptdata", "set", "joint-offset", ""},
-      {"imptdata", "set", "joint-offset", "1,,2"},  {"imptdata", "set", "joint-offset", "1,"},
-      {"imptdata", "set", "joint-offset", "1,inf"}, {"imptdata", "set", "joint-offset", "0x10"},
-      {"imptdata", "set", "joint-offset", "1 2"},   {"imptdata", "set", "sn", ""},
-      {"imptdata", "set", "urdf-dir", "/x"},        {"imptdata", "get", "colour"},
-      {"imptdata", "set", "joint-limit"},
+  const std::string list = " (expected V1,V2,... of finite numbers)";
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"imptdata", "set", "joint-offset", "1,abc"}, R"(not a number: "abc")" + list},
+      {{"imptdata", "set", "joint-offset", ""}, R"(not a number: "")" + list},
+      {{"imptdata", "set", "joint-offset", "1,,2"}, R"(not a number: "")" + list},
+      {{"imptdata", "set", "joint-offset", "1,"}, R"(not a number: "")" + list},
+      {{"imptdata", "set", "joint-offset", "1,inf"}, R"(not a number: "inf")" + list},
+      {{"imptdata", "set", "joint-offset", "0x10"}, R"(not a number: "0x10")" + list},
+      {{"imptdata", "set", "joint-offset", "1 2"}, R"(not a number: "1 2")" + list},
+      {{"imptdata", "set", "sn", ""}, "the serial number must not be empty"},
+      {{"imptdata", "set", "sn", " \t "}, "the serial number must not be blank"},
+      {{"imptdata", "set", "sn", "RB-1\nRB-2"}, "the serial number must not contain a line break"},
+      {{"imptdata", "set", "sn", "RB-1\r"}, "the serial number must not contain a line break"},
+      {{"imptdata", "set", "urdf-dir", "/x"},
+       "imptdata set: ITEM: urdf-dir not in {sn,joint-offset,joint-limit} "
+       "(see korcommon imptdata set --help)"},
+      {{"imptdata", "get", "colour"},
+       "imptdata get: ITEM: colour not in {sn,joint-offset,joint-limit,urdf-dir} "
+       "(see korcommon imptdata get --help)"},
+      {{"imptdata", "set", "joint-limit"},
+       "imptdata set: VALUE is required (see korcommon imptdata set --help)"},
+      {{"imptdata", "set", "sn", "RB-1", "RB-2"},
+       R"(imptdata set: unexpected argument "RB-2" (see korcommon imptdata set --help))"},
+      {{"imptdata"},
+       "imptdata: a command is required: show, get, set (see korcommon imptdata --help)"},
   };
-  for (const auto& arguments : bad) {
+  for (const auto& [arguments, error] : rows) {
+    SCOPED_TRACE(arguments.back());
     const ToolResult result = run(arguments);
-    EXPECT_EQ(result.status, 2) << arguments.back();
-    expectOneErrorLine(result);
+    EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "korcommon: " + error + "\n");
   }
   EXPECT_EQ(readFile("/opt/quor/imptdata/joint_offset.yaml"), before);
   EXPECT_FALSE(fs::exists("/opt/quor/imptdata/joint_limit.yaml"));
@@ -117,10 +139,17 @@ TEST_F(CliImptdata, UnwritableOrUnreadableStorageIsAnError) {
   ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT, nullptr), 0);
   EXPECT_EQ(ImptData::getSN(), "RB-1");
 
+  // A malformed file is not (none), and it hides none of the other values.
   std::ofstream("/opt/quor/imptdata/joint_limit.yaml") << "joint_limit: [1, {\n";
   result = run({"imptdata", "show"});
-  EXPECT_EQ(result.status, 2) << "a malformed file is not (none)";
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out,
+            "serial number: RB-1\n"
+            "joint offsets: (none)\n"
+            "joint limits:  (unreadable)\n"
+            "urdf dir:      (none)\n");
   expectOneErrorLine(result);
+  EXPECT_EQ(result.err.rfind("korcommon: cannot read the joint limits: ", 0), 0u) << result.err;
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using korcommon::testing::expectOneErrorLine;
 using korcommon::testing::ToolResult;
 
 constexpr char kValidEnvelope[] =
@@ -102,47 +101,80 @@ TEST_F(CliSig, MakeNestsJsonDataOnlyWhenAsked) {
   EXPECT_EQ(run.out, R"({"accid":"RB-0001","title":"pose","guid":"g-2","timestamp":5,)"
                      R"("data":"{\"x\":0.5}"})"
                      "\n");
-
-  run = runTool({"sig", "make", "pose", R"({"x":})", "--json-data"});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "korcommon: --json-data: Unexpected token: }\n");
-
-  run = runTool({"sig", "make", "pose", "[1]", "--json-data"});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.err, "korcommon: --json-data: Unexpected token: [\n");
 }
 
-TEST_F(CliSig, BadUsageIsOneLineAndStatusTwo) {
-  for (const std::vector<std::string>& arguments :
-       std::vector<std::vector<std::string>>{{},
-                                             {"sig"},
-                                             {"sig", "make", "walk"},
-                                             {"sig", "make", "walk", "on", "--timestamp", "soon"},
-                                             {"sig", "inspect", "a", "b"},
-                                             {"sig", "frobnicate"}}) {
+// Every refused command line: status 2, nothing on standard output, and one line on standard
+// error that names the problem.
+TEST_F(CliSig, ErrorsNameTheProblem) {
+  struct Row {
+    std::vector<std::string> arguments;
+    std::string input;
+    std::string error;
+  };
+  const std::string missing = (tool_.directory() / "missing.json").string();
+  const std::string directory = tool_.directory().string();
+  const std::string malformed = writeInput("malformed.json", R"({"title":"t"} trailing)").string();
+  const std::string timestamp_range =
+      "is not a whole number of milliseconds from -9223372036854775808 to 9223372036854775807";
+  const Row rows[] = {
+      {{"foo"}, "", R"(unknown command "foo" (see korcommon --help))"},
+      {{"--bogus"}, "", R"(unknown option "--bogus" (see korcommon --help))"},
+      {{"sig"}, "", "sig: a command is required: make, inspect (see korcommon sig --help)"},
+      {{"sig", "--bogus"}, "", R"(sig: unknown option "--bogus" (see korcommon sig --help))"},
+      {{"sig", "frobnicate"},
+       "",
+       R"(sig: unknown command "frobnicate" (see korcommon sig --help))"},
+      {{"help", "sig", "frob"}, "", R"(sig: unknown command "frob" (see korcommon sig --help))"},
+      {{"sig", "make", "--bogus"},
+       "",
+       R"(sig make: unknown option "--bogus" (see korcommon sig make --help))"},
+      {{"sig", "make", "walk"}, "", "sig make: DATA is required (see korcommon sig make --help)"},
+      {{"sig", "make", "walk", "on", "--timestamp", "99999999999999999999999"},
+       "",
+       R"(sig make: --timestamp: "99999999999999999999999" )" + timestamp_range +
+           " (see korcommon sig make --help)"},
+      {{"sig", "make", "walk", "on", "--timestamp", "soon"},
+       "",
+       R"(sig make: --timestamp: "soon" )" + timestamp_range + " (see korcommon sig make --help)"},
+      {{"sig", "make", "pose", "[1,2]", "--json-data"},
+       "",
+       "--json-data: DATA must be a JSON object"},
+      {{"sig", "make", "pose", R"({"x":})", "--json-data"}, "", "--json-data: Unexpected token: }"},
+      {{"sig", "inspect", "a", "b"},
+       "",
+       R"(sig inspect: unexpected argument "b" (see korcommon sig inspect --help))"},
+      {{"sig", "inspect"}, "", "standard input: Unexpected end of token stream"},
+      {{"sig", "inspect", missing}, "", "cannot open " + missing + ": No such file or directory"},
+      {{"sig", "inspect", directory}, "", "cannot read " + directory + ": Is a directory"},
+      {{"sig", "inspect", malformed}, "", malformed + ": Expected string: true"},
+      // A message quoting a line break from the input stays on one line.
+      {{"sig", "inspect"},
+       "{\"a\n\":1,\"a\n\":2}",
+       "standard input: Duplicate object member token: a\\n"},
+  };
+  for (const Row& row : rows) {
     std::string joined;
-    for (const std::string& word : arguments) joined += word + " ";
+    for (const std::string& word : row.arguments) joined += word + " ";
     SCOPED_TRACE(joined);
-    const ToolResult run = runTool(arguments);
+    const ToolResult run = runTool(row.arguments, row.input);
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.out, "");
-    expectOneErrorLine(run);
+    EXPECT_EQ(run.err, "korcommon: " + row.error + "\n");
   }
 }
 
-TEST_F(CliSig, HelpDescribesEveryCommand) {
-  for (const std::vector<std::string>& arguments :
-       std::vector<std::vector<std::string>>{{"--help"},
-                                             {"sig", "--help"},
-                                             {"sig", "make", "--help"},
-                                             {"sig", "inspect", "--help"}}) {
-    const ToolResult run = runTool(arguments);
+TEST_F(CliSig, HelpCommandPrintsTheCommandsOwnHelpWithExamples) {
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {}, {"sig"}, {"sig", "make"}, {"sig", "inspect"}, {"help"}}) {
+    std::vector<std::string> help_command = {"help"};
+    help_command.insert(help_command.end(), command.begin(), command.end());
+    std::vector<std::string> help_option = command;
+    help_option.push_back("--help");
+    const ToolResult run = runTool(help_command);
     EXPECT_EQ(run.status, 0);
-    EXPECT_NE(run.out.find("Usage"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out, runTool(help_option).out);
+    EXPECT_NE(run.out.find("\nExamples:\n  korcommon "), std::string::npos) << run.out;
   }
-  EXPECT_NE(runTool({"sig", "make", "--help"}).out.find("--json-data"), std::string::npos);
-  EXPECT_NE(runTool({"sig", "inspect", "--help"}).out.find("Exit status"), std::string::npos);
 }
 
 TEST_F(CliSig, InspectShowsMembersAndValidity) {
@@ -191,35 +223,6 @@ TEST_F(CliSig, InspectReadsStandardInputByDefault) {
     EXPECT_NE(run.out.find("accid value: \"RB-0001\"\n"), std::string::npos) << run.out;
     EXPECT_EQ(run.out.substr(run.out.size() - 6), "valid\n");
   }
-
-  const ToolResult empty = runTool({"sig", "inspect"}, "");
-  EXPECT_EQ(empty.status, 2);
-  EXPECT_EQ(empty.out, "");
-  EXPECT_EQ(empty.err, "korcommon: standard input: Unexpected end of token stream\n");
-}
-
-TEST_F(CliSig, InspectUnreadableInputIsStatusTwo) {
-  const std::string missing = (tool_.directory() / "missing.json").string();
-  ToolResult run = runTool({"sig", "inspect", missing});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "korcommon: cannot open " + missing + ": No such file or directory\n");
-
-  run = runTool({"sig", "inspect", tool_.directory().string()});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.out, "");
-  expectOneErrorLine(run);
-
-  const std::string malformed = writeInput("malformed.json", R"({"title":"t"} trailing)").string();
-  run = runTool({"sig", "inspect", malformed});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "korcommon: " + malformed + ": Expected string: true\n");
-
-  // A message quoting a line break from the input stays on one line.
-  run = runTool({"sig", "inspect"}, "{\"a\n\":1,\"a\n\":2}");
-  EXPECT_EQ(run.status, 2);
-  EXPECT_EQ(run.err, "korcommon: standard input: Duplicate object member token: a\\n\n");
 }
 
 }  // namespace
