@@ -1,4 +1,4 @@
-# Install both libraries, all headers, a CMake package and a pkg-config file.
+# Install both libraries, the public headers, a CMake package and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
 set(KORCOMMON_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/korcommon")
@@ -17,10 +17,11 @@ install(TARGETS ${installed_targets}
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/dova"
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/korcommon/"
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/korcommon"
-  FILES_MATCHING PATTERN "*.h"
-  PATTERN "trace_text.h" EXCLUDE)
+# The services' API, named one by one: the other headers beside them are the library's own
+# (formatting, record pool, file names, screen line, start-up batch) and stay out of reach.
+set(korcommon_public_headers Diagnostics.h ImptData.h log.h utils.h)
+list(TRANSFORM korcommon_public_headers PREPEND "${PROJECT_SOURCE_DIR}/src/korcommon/")
+install(FILES ${korcommon_public_headers} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/korcommon")
 
 install(EXPORT korcommonTargets
   FILE korcommonTargets.cmake

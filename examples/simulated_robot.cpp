@@ -11,6 +11,7 @@
 //   simulated_robot component INDEX START_MS | monitor START_MS
 #include <dova/init.h>
 #include <dova/msgs/dova_msgs/Log.h>
+#include <dova/msgs/topics.h>
 #include <korcommon/Diagnostics.h>
 #include <korcommon/log.h>
 #include <signal.h>
@@ -18,13 +19,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -130,6 +134,22 @@ const char* levelName(int level) {
   }
 }
 
+// Writes one complete line to standard output at once. Off a terminal (`make demo > demo.log`,
+// a pipe) standard output is block-buffered: a line left in the buffer is lost if the
+// process ends before flushing it.
+__attribute__((format(printf, 1, 2))) void printLine(const char* pattern, ...) {
+  char line[512];
+  va_list arguments;
+  va_start(arguments, pattern);
+  const int length = std::vsnprintf(line, sizeof line - 1, pattern, arguments);
+  va_end(arguments);
+  if (length < 0) return;
+  size_t size = std::min(static_cast<size_t>(length), sizeof line - 2);
+  line[size++] = '\n';
+  std::fwrite(line, 1, size, stdout);
+  std::fflush(stdout);
+}
+
 // Prints the start-up batch, then only what changes.
 class Monitor {
  public:
@@ -140,15 +160,19 @@ class Monitor {
                          known->second.second != report->code;
     if (!changed) return;
     if (!started_) {
-      std::printf("[%5.1fs] monitor: start-up state, %s\n", secondsSinceStart(),
-                  "reporters in name order");
+      printLine("[%5.1fs] monitor: start-up state, reporters in name order", secondsSinceStart());
       started_ = true;
     }
     last_[report->name] = {report->level, report->code};
-    std::printf("[%5.1fs]   %s %-36s code %3d  %-30s (from %s)\n", secondsSinceStart(),
-                levelName(report->level), report->name.c_str(), report->code,
-                report->message.c_str(), report->caller_id.c_str());
-    std::fflush(stdout);
+    printLine("[%5.1fs]   %s %-36s code %3d  %-30s (from %s)", secondsSinceStart(),
+              levelName(report->level), report->name.c_str(), report->code, report->message.c_str(),
+              report->caller_id.c_str());
+  }
+
+  // Whether the start-up batch has been printed.
+  bool started() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return started_;
   }
 
  private:
@@ -187,6 +211,10 @@ void subscribeMonitor(Monitor& monitor) {
 // the current state of every reporter reaches it in one batch three seconds
 // later.
 constexpr auto kMonitorJoins = std::chrono::milliseconds(600);
+// The latest a monitor waits for its start-up batch: a report collected as the components stop
+// is handed over one collection window later.
+constexpr auto kMonitorEnds =
+    kRunTime + dova::msgs::kDiagnosticsCollectionWindow + std::chrono::milliseconds(500);
 
 int runSingleProcess() {
   if (!dova::init("robot", dova::Options{"local", -1, true, -1})) return 1;
@@ -231,6 +259,12 @@ int runMonitorProcess() {
   Monitor monitor;
   subscribeMonitor(monitor);
   sleepUntil(run_start + kRunTime + std::chrono::milliseconds(300));
+  // On a busy machine the components may be heard only late in the run, and their start-up
+  // batch comes a collection window after the first report: wait for it rather than end
+  // with it unprinted.
+  while (!monitor.started() && !interrupted && WallClock::now() < run_start + kMonitorEnds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
   dova::shutdown();
   return 0;
 }
@@ -258,30 +292,36 @@ int runLauncher() {
       std::chrono::duration_cast<std::chrono::milliseconds>(run_start.time_since_epoch()).count());
 
   const size_t count = robotComponents().size();
-  std::printf("robot coming up: %zu components and a monitor, each a process on DDS (loopback)\n",
-              count);
-  std::fflush(stdout);
+  printLine("robot coming up: %zu components and a monitor, each a process on DDS (loopback)",
+            count);
   std::vector<pid_t> children;
   for (size_t index = 0; index < count; ++index) {
     children.push_back(startChild({"simulated_robot", "component", std::to_string(index), start}));
   }
   children.push_back(startChild({"simulated_robot", "monitor", start}));
 
-  sleepUntil(run_start + kRunTime + std::chrono::seconds(1));
-  for (const pid_t child : children) kill(child, SIGTERM);
-  const auto deadline = WallClock::now() + std::chrono::seconds(5);
-  size_t running = children.size();
-  while (running > 0 && WallClock::now() < deadline) {
-    if (waitpid(-1, nullptr, WNOHANG) > 0) {
-      --running;
-    } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  // The children end on their own; after Ctrl-C, or when one is late, they are told to.
+  std::set<pid_t> running(children.begin(), children.end());
+  const auto reap = [&running](WallClock::time_point deadline) {
+    while (!running.empty() && WallClock::now() < deadline) {
+      const pid_t ended = waitpid(-1, nullptr, WNOHANG);
+      if (ended > 0) {
+        running.erase(ended);
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
     }
+  };
+  const WallClock::time_point last_end = run_start + kMonitorEnds + std::chrono::seconds(1);
+  while (!interrupted && !running.empty() && WallClock::now() < last_end) {
+    reap(std::min(last_end, WallClock::now() + std::chrono::milliseconds(100)));
   }
-  for (const pid_t child : children) kill(child, SIGKILL);
+  for (const pid_t child : running) kill(child, SIGTERM);
+  reap(WallClock::now() + std::chrono::seconds(5));
+  for (const pid_t child : running) kill(child, SIGKILL);
   while (waitpid(-1, nullptr, 0) > 0) {
   }
-  std::printf("robot shut down: every process has ended\n");
+  printLine("robot shut down: every process has ended");
   return interrupted ? 130 : 0;
 }
 

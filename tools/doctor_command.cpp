@@ -20,11 +20,11 @@
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/msgs/topics.h"
-#include "dova/os/node_handle_base.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
 #include "korcommon/log.h"
 #include "session.h"
+#include "subscription.h"
 #include "terminal.h"
 #include "trace_capture.h"
 
@@ -61,24 +61,18 @@ std::string quoted(const std::string& text) { return "\"" + oneLine(text) + "\""
 class NodeCensus {
  public:
   NodeCensus(Session& session, double wait_seconds) : session_(session) {
-    diagnostics_.callback_ptr = [this](const std::shared_ptr<const Report>& report) {
-      seen(report->caller_id);
-    };
-    diagnostics_.callback_kind = 2;
-    diagnostics_.setTopic(dova::msgs::kDiagnosticsTopic);
-    records_.callback_ptr = [this](const std::shared_ptr<const Record>& record) {
-      seen(record->caller_id);
-    };
-    records_.callback_kind = 2;
-    records_.setTopic(dova::msgs::kLogTopic);
-    subscribed_ = dova::nh()->subscribe(diagnostics_, true, true, -1) &&
-                  dova::nh()->subscribe(records_, true, true, -1);
+    diagnostics_ = subscribeLatched<Report>(
+        dova::msgs::kDiagnosticsTopic,
+        [this](const std::shared_ptr<const Report>& report) { seen(report->caller_id); });
+    records_ = subscribeLatched<Record>(
+        dova::msgs::kLogTopic,
+        [this](const std::shared_ptr<const Record>& record) { seen(record->caller_id); });
     std::unique_lock<std::mutex> lock(session_.mutex());
     session_.waitUntil(lock, Clock::now() + toDuration(wait_seconds), [] { return false; });
     closed_ = true;
   }
 
-  bool subscribed() const { return subscribed_; }
+  bool subscribed() const { return diagnostics_ != nullptr && records_ != nullptr; }
 
   std::set<std::string> nodes() const {
     std::lock_guard<std::mutex> lock(session_.mutex());
@@ -95,9 +89,8 @@ class NodeCensus {
   }
 
   Session& session_;
-  dova::Subscriber<Report> diagnostics_;
-  dova::Subscriber<Record> records_;
-  bool subscribed_ = false;
+  std::unique_ptr<dova::Subscriber<Report>> diagnostics_;
+  std::unique_ptr<dova::Subscriber<Record>> records_;
   bool closed_ = false;  // guarded by the session's mutex, as nodes_
   std::set<std::string> nodes_;
 };

@@ -10,9 +10,10 @@
 
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/msgs/topics.h"
-#include "dova/os/node_handle_base.h"
 #include "exit_status.h"
+#include "korcommon/screen_line.h"
 #include "session.h"
+#include "subscription.h"
 #include "terminal.h"
 
 namespace korcommon::cli {
@@ -22,10 +23,6 @@ using dova::dova_msgs::Log;
 using RecordPtr = std::shared_ptr<const Log>;
 
 using dova::msgs::kLogTopic;
-// The trace logger's colours; its lines end with this reset.
-constexpr char kTraceNormal[] = "\033[1;00m";
-constexpr char kTraceWarn[] = "\033[1;33m";
-constexpr char kTraceError[] = "\033[1;31m";
 
 std::optional<int> parseLogLevel(const std::string& text) {
   std::string lower;
@@ -38,41 +35,28 @@ std::optional<int> parseLogLevel(const std::string& text) {
   return std::nullopt;
 }
 
-// The trace logger's letter and colour of a level.
-std::pair<const char*, const char*> levelMark(int level) {
-  switch (level) {
-    case Log::INFO:
-      return {"I", kTraceNormal};
-    case Log::WARN:
-      return {"W", kTraceWarn};
-    case Log::ERROR:
-      return {"E", kTraceError};
-    case Log::FATAL:
-      return {"F", kTraceError};
-    default:
-      return {"D", kTraceNormal};
-  }
-}
-
 // The node a record comes from: the name the logger recorded, else the sender's.
 const std::string& nodeOf(const Log& record) {
   return record.name.empty() ? record.caller_id : record.name;
 }
 
-// The trace logger's screen line, with the record's stamp for both the date and the clock:
-// "<YYYY-MM-DD HH:MM:SS.mmm> <L>/<node>(<pid>/<tid>): <file>(<line>) clk(<s>.<ns>) <msg>".
+// The trace logger's screen line, with the record's stamp for both the date and the clock,
+// and line breaks in the texts shown as \n and \r.
 std::string recordLine(const Log& record, bool colour) {
-  const auto mark = levelMark(record.level);
-  std::string line = localTimeText(record.header.stamp) + " " + mark.first + "/" +
-                     oneLine(nodeOf(record)) + "(" +
-                     std::to_string(static_cast<int64_t>(record.pid)) + "/" +
-                     std::to_string(static_cast<int32_t>(record.tid)) + "): ";
-  if (colour) line += mark.second;
-  line += oneLine(record.file) + "(" + std::to_string(record.line) + ") clk(" +
-          std::to_string(record.header.stamp.sec) + "." + std::to_string(record.header.stamp.nsec) +
-          ") " + oneLine(record.msg);
-  if (colour) line += kTraceNormal;
-  return line;
+  const std::string node = oneLine(nodeOf(record));
+  const std::string file = oneLine(record.file);
+  const std::string text = oneLine(record.msg);
+  korcommon::detail::ScreenLine fields;
+  fields.wall = record.header.stamp;
+  fields.level = record.level;
+  fields.node = node;
+  fields.pid = static_cast<int64_t>(record.pid);
+  fields.tid = static_cast<int32_t>(record.tid);
+  fields.file = file;
+  fields.line = record.line;
+  fields.clock = record.header.stamp;
+  fields.text = text;
+  return korcommon::detail::screenLine(fields, colour);
 }
 
 struct EchoArguments {
@@ -103,14 +87,9 @@ class LogEcho {
     session.requireJoined();
     session_ = &session;
     const Clock::time_point start = Clock::now();
-    subscriber_ = std::make_unique<dova::Subscriber<Log>>();
-    subscriber_->callback_ptr = [this](const RecordPtr& record) { deliver(record); };
-    subscriber_->callback_kind = 2;
-    subscriber_->setTopic(kLogTopic);
     // Latched: every live node's latest record first, as a tail shows the last line.
-    if (!dova::nh()->subscribe(*subscriber_, true, true, -1)) {
-      failWith(kTrouble, std::string("cannot subscribe to ") + kLogTopic);
-    }
+    subscriber_ =
+        requireSubscription<Log>(kLogTopic, [this](const RecordPtr& record) { deliver(record); });
 
     std::unique_lock<std::mutex> lock(session.mutex());
     const Clock::time_point end = timeout_ ? start + *timeout_ : Clock::time_point::max();

@@ -56,6 +56,11 @@ std::string oneLine(const std::string& text) {
   return line;
 }
 
+std::string padded(std::string text, size_t width) {
+  if (text.size() < width) text.append(width - text.size(), ' ');
+  return text;
+}
+
 void writeLine(const std::string& line) {
   std::string whole = line;
   whole += '\n';

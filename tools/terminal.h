@@ -35,6 +35,9 @@ std::string secondsText(const dova::Time& time);
 // stays one line of output.
 std::string oneLine(const std::string& text);
 
+// `text` with spaces appended up to `width` characters; longer text is left as it is.
+std::string padded(std::string text, size_t width);
+
 // Writes `line` and a line feed to standard output and flushes at once, so that a reader
 // at the other end of a pipe sees every line as soon as it is complete.
 void writeLine(const std::string& line);

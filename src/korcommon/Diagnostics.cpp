@@ -1,7 +1,5 @@
 #include "korcommon/Diagnostics.h"
 
-#include <chrono>
-#include <map>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -12,6 +10,7 @@
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "korcommon/log.h"
+#include "korcommon/startup_batch.h"
 
 namespace korcommon {
 namespace {
@@ -20,28 +19,20 @@ using dova::diagnostic_msgs::DiagnosticValue;
 using dova::dova_msgs::Log;
 using DiagnosticValuePtr = std::shared_ptr<const DiagnosticValue>;
 
-constexpr double kCollectionSeconds =
-    std::chrono::duration<double>(dova::msgs::kDiagnosticsCollectionWindow).count();
-
 // The state one subscription shares between its delivery function and its
 // hand-over thread.
 struct MsgMapInfo {
-  std::mutex mutex;  // guards the fields below and serialises the user's function
-  std::map<std::string, DiagnosticValuePtr> msgs;  // collected, latest per name
-  bool thread_started = false;                     // never reset
+  explicit MsgMapInfo(double start) : msgs(start) {}
+  std::mutex mutex;             // guards the fields below and serialises the user's function
+  detail::StartupBatch msgs;    // the start-up batch: collected reports, latest per name
+  bool thread_started = false;  // never reset
 };
-
-double monotonicSeconds() {
-  const dova::Time now = dova::Time::monotonic();
-  return static_cast<double>(now.sec) + static_cast<double>(now.nsec) * 1e-9;
-}
 
 void handOver(const Diagnostics::Callback& callback, const std::shared_ptr<MsgMapInfo>& info) {
   // The hand-over comes once the collection window has closed.
-  dova::Duration(kCollectionSeconds).wallSleep();
+  dova::Duration(detail::kCollectionSeconds).wallSleep();
   std::lock_guard<std::mutex> lock(info->mutex);
-  for (const auto& entry : info->msgs) callback(entry.second);
-  info->msgs.clear();
+  info->msgs.handOver(callback);
 }
 
 // Keeps every subscriber reachable for the rest of the process. They are never
@@ -82,21 +73,16 @@ void Diagnostics::subscribe(Callback callback) {
     mtrace(Log::ERROR, __FILE__, __LINE__, "subscribe", "Please init dova!");
     return;
   }
-  auto info = std::make_shared<MsgMapInfo>();
-  const double start = monotonicSeconds();
+  auto info = std::make_shared<MsgMapInfo>(detail::monotonicSeconds());
 
-  auto deliver = [start, callback, info](const DiagnosticValuePtr& value) {
+  auto deliver = [callback, info](const DiagnosticValuePtr& value) {
     std::lock_guard<std::mutex> lock(info->mutex);
-    if (monotonicSeconds() - start < kCollectionSeconds) {
-      info->msgs[value->name] = value;
+    if (info->msgs.collect(value, detail::monotonicSeconds())) {
+      // Only the first collected report finds the thread not started.
       if (!info->thread_started) {
         std::thread(handOver, callback, info).detach();
         info->thread_started = true;
       }
-      return;
-    }
-    if (!info->msgs.empty()) {  // the hand-over is still due: join the batch
-      info->msgs[value->name] = value;
       return;
     }
     callback(value);

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <string>
 
@@ -17,6 +16,7 @@
 #include "dova/os/node_handle_base.h"
 #include "dova/time.h"
 #include "korcommon/log_record_pool.h"
+#include "korcommon/screen_line.h"
 #include "korcommon/trace_format.h"
 
 namespace korcommon {
@@ -29,8 +29,6 @@ namespace {
 
 // Buffers up to this size live on the caller's stack; larger ones on the heap.
 constexpr int32_t kLargestStackBuffer = 16 * 1024;
-
-constexpr char kColourReset[] = "\033[1;00m";
 
 // The environment variable as a 32-bit integer, strtol's way; nullopt-like
 // `present` false when it is not set.
@@ -129,64 +127,21 @@ bool screenEnabled() {
 }
 
 void printScreenLine(int level, const char* file, int line, const char* text) {
-  const char* letter = "D";
-  const char* colour = kColourReset;
-  switch (level) {
-    case dova::dova_msgs::Log::INFO:
-      letter = "I";
-      break;
-    case dova::dova_msgs::Log::WARN:
-      letter = "W";
-      colour = "\033[1;33m";
-      break;
-    case dova::dova_msgs::Log::ERROR:
-      letter = "E";
-      colour = "\033[1;31m";
-      break;
-    case dova::dova_msgs::Log::FATAL:
-      letter = "F";
-      colour = "\033[1;31m";
-      break;
-    default:
-      break;  // DEBUG and unknown levels alike
-  }
-
-  const dova::Time wall = dova::Time::WallTime();
-  const time_t seconds = static_cast<time_t>(wall.sec);
-  tm local{};
-  localtime_r(&seconds, &local);
-  char date[64];
-  strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
-  char milliseconds[10];
-  snprintf(milliseconds, sizeof milliseconds, "%03d", static_cast<int>(wall.nsec / 1000000));
-
-  const dova::Time clock = dova::Time::now();
+  const std::string name = dova::getNodeName();
   const ThreadIds& ids = currentIds();
-  std::string screen_line;
-  screen_line.reserve(160);
-  screen_line += date;
-  screen_line += '.';
-  screen_line += milliseconds;
-  screen_line += ' ';
-  screen_line += letter;
-  screen_line += '/';
-  screen_line += dova::getNodeName();
-  screen_line += '(';
-  screen_line += std::to_string(ids.pid);
-  screen_line += '/';
-  screen_line += std::to_string(static_cast<int32_t>(ids.tid));
-  screen_line += "): ";
-  screen_line += colour;
-  screen_line += fileName(file);
-  screen_line += '(';
-  screen_line += std::to_string(line);
-  screen_line += ") clk(";
-  screen_line += std::to_string(clock.sec);
-  screen_line += '.';
-  screen_line += std::to_string(clock.nsec);
-  screen_line += ") ";
-  screen_line += text;
-  screen_line += kColourReset;
+  detail::ScreenLine fields;
+  // The date comes from the wall clock, "clk" from the middleware's, which may run on
+  // simulated time.
+  fields.wall = dova::Time::WallTime();
+  fields.level = level;
+  fields.node = name;
+  fields.pid = ids.pid;
+  fields.tid = static_cast<int32_t>(ids.tid);
+  fields.file = fileName(file);
+  fields.line = line;
+  fields.clock = dova::Time::now();
+  fields.text = text;
+  std::string screen_line = detail::screenLine(fields, true);
   screen_line += '\n';
   std::fwrite(screen_line.data(), 1, screen_line.size(), stdout);
   std::fflush(stdout);

@@ -22,6 +22,14 @@ foreach(expected
   endif()
 endforeach()
 
+# Only the services' API; the library's internal headers are not installed.
+file(GLOB installed_service_headers RELATIVE "${prefix}/include/korcommon"
+  "${prefix}/include/korcommon/*")
+list(SORT installed_service_headers)
+if(NOT installed_service_headers STREQUAL "Diagnostics.h;ImptData.h;log.h;utils.h")
+  message(FATAL_ERROR "include/korcommon holds ${installed_service_headers}")
+endif()
+
 # Libraries built with sanitizers need their runtime in the program itself.
 set(sanitizer_flags "")
 if(SANITIZERS)
