@@ -1,26 +1,28 @@
+// "korcommon imptdata": one row per command line, run in order on a private /opt. A refused
+// command line answers status 2, nothing on standard output, one line naming the problem on
+// standard error, and leaves the store as it was.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "child_process.h"
 #include "korcommon/ImptData.h"
 #include "private_opt.h"
 #include "read_file.h"
-#include "tool_runner.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using korcommon::ImptData;
-using korcommon::testing::expectOneErrorLine;
+using korcommon::testing::CliRow;
+using korcommon::testing::expectRows;
 using korcommon::testing::readFile;
-using korcommon::testing::ToolResult;
+
+constexpr char kStore[] = "/opt/quor/imptdata";
+constexpr char kOffsets[] = "/opt/quor/imptdata/joint_offset.yaml";
 
 class CliImptdata : public ::testing::Test {
  protected:
@@ -29,127 +31,121 @@ class CliImptdata : public ::testing::Test {
     fs::remove_all("/opt/quor");
   }
   void TearDown() override {
-    if (korcommon::testing::hasPrivateOpt()) mount(nullptr, "/opt", nullptr, MS_REMOUNT, nullptr);
+    if (korcommon::testing::hasPrivateOpt()) umount2(kStore, MNT_DETACH);
   }
-
-  ToolResult run(const std::vector<std::string>& arguments) const { return tool_.run(arguments); }
-
-  korcommon::testing::ToolRunner tool_{KORCOMMON_CLI};
 };
 
-TEST_F(CliImptdata, ShowsNoneForAnEmptyStoreWithoutCreatingAnything) {
-  const ToolResult shown = run({"imptdata", "show"});
-  EXPECT_EQ(shown.status, 0) << shown.err;
-  EXPECT_EQ(shown.out,
-            "serial number: (none)\n"
-            "joint offsets: (none)\n"
-            "joint limits:  (none)\n"
-            "urdf dir:      (none)\n");
-  EXPECT_FALSE(fs::exists("/opt/quor"));
-  for (const char* item : {"sn", "joint-offset", "joint-limit"}) {
-    const ToolResult got = run({"imptdata", "get", item});
-    EXPECT_EQ(got.status, 0);
-    EXPECT_EQ(got.out, "(none)\n") << item;
-  }
-}
-
-TEST_F(CliImptdata, SetThenGetRoundTripsExactly) {
-  EXPECT_EQ(run({"imptdata", "set", "sn", "RB-0042"}).status, 0);
-  const ToolResult offsets = run({"imptdata", "set", "joint-offset", "0.1,-1.5, 2e-3,0"});
-  EXPECT_EQ(offsets.status, 0) << offsets.err;
-  EXPECT_EQ(run({"imptdata", "set", "joint-limit", "-3.14,3.14"}).status, 0);
-
-  EXPECT_EQ(ImptData::getSN(), "RB-0042");
-  EXPECT_EQ(ImptData::getJointOffset(), (std::vector<double>{0.1, -1.5, 0.002, 0.0}));
-  EXPECT_EQ(run({"imptdata", "get", "joint-offset"}).out, "0.1,-1.5,0.002,0\n");
-  EXPECT_EQ(run({"imptdata", "get", "sn"}).out, "RB-0042\n");
-
+TEST_F(CliImptdata, SetGetAndShow) {
+  // clang-format off
+  expectRows(KORCOMMON_CLI, {
+    {{"imptdata", "show"}, 0,
+     "serial number: (none)\njoint offsets: (none)\njoint limits:  (none)\nurdf dir:      (none)\n"},
+    {{"imptdata", "get", "sn"}, 0, "(none)\n"},
+    {{"imptdata", "get", "joint-limit"}, 0, "(none)\n"},
+  });
+  EXPECT_FALSE(fs::exists("/opt/quor")) << "reading must not create the store";
+  expectRows(KORCOMMON_CLI, {
+    {{"imptdata", "set", "sn", "RB-0042"}, 0, ""},
+    {{"imptdata", "set", "joint-offset", "0.1,-1.5, 2e-3,0"}, 0, ""},
+    {{"imptdata", "get", "joint-offset"}, 0, "0.1,-1.5,0.002,0\n"},
+    {{"imptdata", "get", "sn"}, 0, "RB-0042\n"},
+    {{"imptdata", "get", "urdf-dir"}, 0, "/opt/quor/imptdata/urdf/\n"},
+  });
+  EXPECT_TRUE(fs::is_directory("/opt/quor/imptdata/urdf"));
   // Printed lists carry every digit: setting them again stores the same doubles.
   ASSERT_TRUE(ImptData::setJointLimit({1.0 / 3.0, -2.0 / 7.0}));
-  const ToolResult limits = run({"imptdata", "get", "joint-limit"});
-  ASSERT_EQ(
-      run({"imptdata", "set", "joint-limit", limits.out.substr(0, limits.out.size() - 1)}).status,
-      0);
+  expectRows(KORCOMMON_CLI, {
+    {{"imptdata", "show"}, 0,
+     "serial number: RB-0042\njoint offsets: 0.1,-1.5,0.002,0\n"
+     "joint limits:  0.3333333333333333,-0.2857142857142857\n"
+     "urdf dir:      /opt/quor/imptdata/urdf/\n"},
+    {{"imptdata", "set", "joint-limit", "0.3333333333333333,-0.2857142857142857"}, 0, ""},
+  });
+  // clang-format on
   EXPECT_EQ(ImptData::getJointLimit(), (std::vector<double>{1.0 / 3.0, -2.0 / 7.0}));
-
-  const ToolResult urdf = run({"imptdata", "get", "urdf-dir"});
-  EXPECT_EQ(urdf.out, "/opt/quor/imptdata/urdf/\n");
-  EXPECT_TRUE(fs::is_directory("/opt/quor/imptdata/urdf"));
-  EXPECT_EQ(run({"imptdata", "show"}).out,
-            "serial number: RB-0042\n"
-            "joint offsets: 0.1,-1.5,0.002,0\n"
-            "joint limits:  0.3333333333333333,-0.2857142857142857\n"
-            "urdf dir:      /opt/quor/imptdata/urdf/\n");
 }
 
-// Every refused command line: status 2, nothing on standard output, one line on standard
-// error that names the problem, and the store as it was.
-TEST_F(CliImptdata, ErrorsNameTheProblemAndChangeNothing) {
+TEST_F(CliImptdata, BadValuesAreRefusedAndChangeNothing) {
   ASSERT_TRUE(ImptData::setJointOffset({1.0, 2.0}));
-  const std::string before = readFile("/opt/quor/imptdata/joint_offset.yaml");
-  const std::string list = " (expected V1,V2,... of finite numbers)";
-  const std::pair<std::vector<std::string>, std::string> rows[] = {
-      {{"imptdata", "set", "joint-offset", "1,abc"}, R"(not a number: "abc")" + list},
-      {{"imptdata", "set", "joint-offset", ""}, R"(not a number: "")" + list},
-      {{"imptdata", "set", "joint-offset", "1,,2"}, R"(not a number: "")" + list},
-      {{"imptdata", "set", "joint-offset", "1,"}, R"(not a number: "")" + list},
-      {{"imptdata", "set", "joint-offset", "1,inf"}, R"(not a number: "inf")" + list},
-      {{"imptdata", "set", "joint-offset", "0x10"}, R"(not a number: "0x10")" + list},
-      {{"imptdata", "set", "joint-offset", "1 2"}, R"(not a number: "1 2")" + list},
-      {{"imptdata", "set", "sn", ""}, "the serial number must not be empty"},
-      {{"imptdata", "set", "sn", " \t "}, "the serial number must not be blank"},
-      {{"imptdata", "set", "sn", "RB-1\nRB-2"}, "the serial number must not contain a line break"},
-      {{"imptdata", "set", "sn", "RB-1\r"}, "the serial number must not contain a line break"},
-      {{"imptdata", "set", "urdf-dir", "/x"},
-       "imptdata set: ITEM: urdf-dir not in {sn,joint-offset,joint-limit} "
-       "(see korcommon imptdata set --help)"},
-      {{"imptdata", "get", "colour"},
-       "imptdata get: ITEM: colour not in {sn,joint-offset,joint-limit,urdf-dir} "
-       "(see korcommon imptdata get --help)"},
-      {{"imptdata", "set", "joint-limit"},
-       "imptdata set: VALUE is required (see korcommon imptdata set --help)"},
-      {{"imptdata", "set", "sn", "RB-1", "RB-2"},
-       R"(imptdata set: unexpected argument "RB-2" (see korcommon imptdata set --help))"},
-      {{"imptdata"},
-       "imptdata: a command is required: show, get, set (see korcommon imptdata --help)"},
+  const std::string before = readFile(kOffsets);
+  const auto offsets = [](const std::string& value, const std::string& bad) {
+    return CliRow{
+        {"imptdata", "set", "joint-offset", value},
+        2,
+        "",
+        "korcommon: not a number: \"" + bad + "\" (expected V1,V2,... of finite numbers)\n"};
   };
-  for (const auto& [arguments, error] : rows) {
-    SCOPED_TRACE(arguments.back());
-    const ToolResult result = run(arguments);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "korcommon: " + error + "\n");
-  }
-  EXPECT_EQ(readFile("/opt/quor/imptdata/joint_offset.yaml"), before);
-  EXPECT_FALSE(fs::exists("/opt/quor/imptdata/joint_limit.yaml"));
-  EXPECT_FALSE(fs::exists("/opt/quor/imptdata/sn.yaml"));
+  // clang-format off
+  expectRows(KORCOMMON_CLI, {
+    offsets("1,abc", "abc"), offsets("", ""), offsets("1,,2", ""), offsets("1,", ""),
+    offsets("1,inf", "inf"), offsets("0x10", "0x10"), offsets("1 2", "1 2"),
+    {{"imptdata", "set", "sn", ""}, 2, "", "korcommon: the serial number must not be empty\n"},
+    {{"imptdata", "set", "sn", " \t "}, 2, "", "korcommon: the serial number must not be blank\n"},
+    {{"imptdata", "set", "sn", "RB-1\nRB-2"}, 2, "",
+     "korcommon: the serial number must not contain a line break\n"},
+    {{"imptdata", "set", "sn", "RB-1\r"}, 2, "",
+     "korcommon: the serial number must not contain a line break\n"},
+    {{"imptdata", "set", "urdf-dir", "/x"}, 2, "",
+     "korcommon: imptdata set: ITEM: urdf-dir not in {sn,joint-offset,joint-limit} "
+     "(see korcommon imptdata set --help)\n"},
+    {{"imptdata", "get", "colour"}, 2, "",
+     "korcommon: imptdata get: ITEM: colour not in {sn,joint-offset,joint-limit,urdf-dir} "
+     "(see korcommon imptdata get --help)\n"},
+    {{"imptdata", "set", "joint-limit"}, 2, "",
+     "korcommon: imptdata set: VALUE is required (see korcommon imptdata set --help)\n"},
+    {{"imptdata", "set", "sn", "RB-1", "RB-2"}, 2, "",
+     "korcommon: imptdata set: unexpected argument \"RB-2\" (see korcommon imptdata set --help)\n"},
+    {{"imptdata"}, 2, "",
+     "korcommon: imptdata: a command is required: show, get, set "
+     "(see korcommon imptdata --help)\n"},
+  });
+  // clang-format on
+  EXPECT_EQ(readFile(kOffsets), before);
+  EXPECT_EQ(std::distance(fs::directory_iterator(kStore), {}), 1) << "only joint_offset.yaml";
 }
 
-TEST_F(CliImptdata, UnwritableOrUnreadableStorageIsAnError) {
+TEST_F(CliImptdata, StorageFaultsAreOneErrorLineAndKeepTheOldValues) {
+  fs::create_directories(kStore);
+  ASSERT_EQ(mount("tiny", kStore, "tmpfs", 0, "size=16k"), 0);
   ASSERT_TRUE(ImptData::setSN("RB-1"));
-  ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0)
-      << std::strerror(errno);
-  ToolResult result = run({"imptdata", "set", "sn", "RB-2"});
-  EXPECT_EQ(result.status, 2);
-  expectOneErrorLine(result);
-  EXPECT_NE(result.err.find("sn.yaml"), std::string::npos) << result.err;
-  result = run({"imptdata", "get", "urdf-dir"});
-  EXPECT_EQ(result.status, 2);
-  expectOneErrorLine(result);
-  ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT, nullptr), 0);
-  EXPECT_EQ(ImptData::getSN(), "RB-1");
+  ASSERT_TRUE(ImptData::setJointOffset(std::vector<double>(12, 0.5)));
+  const std::string offsets = readFile(kOffsets);
+  // A full disk: the new version cannot be written whole, so the old file stays.
+  korcommon::testing::writeFile("/opt/quor/imptdata/filler", std::string(64 * 1024, 'x'));
+  std::string many = "0.3333333333333333";
+  for (int i = 0; i < 4000; ++i) many += ",0.3333333333333333";
+  // clang-format off
+  expectRows(KORCOMMON_CLI, {
+    {{"imptdata", "set", "joint-offset", many}, 2, "",
+     "~korcommon: cannot store joint-offset: .*No space left on device\n"},
+  });
+  // clang-format on
+  EXPECT_EQ(readFile(kOffsets), offsets);
+  EXPECT_EQ(std::distance(fs::directory_iterator(kStore), {}), 3) << "sn, offsets and filler";
 
-  // A malformed file is not (none), and it hides none of the other values.
-  std::ofstream("/opt/quor/imptdata/joint_limit.yaml") << "joint_limit: [1, {\n";
-  result = run({"imptdata", "show"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_EQ(result.out,
-            "serial number: RB-1\n"
-            "joint offsets: (none)\n"
-            "joint limits:  (unreadable)\n"
-            "urdf dir:      (none)\n");
-  expectOneErrorLine(result);
-  EXPECT_EQ(result.err.rfind("korcommon: cannot read the joint limits: ", 0), 0u) << result.err;
+  ASSERT_EQ(mount(nullptr, kStore, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  // clang-format off
+  expectRows(KORCOMMON_CLI, {
+    {{"imptdata", "set", "sn", "RB-2"}, 2, "",
+     "korcommon: cannot store sn: /opt/quor/imptdata/sn.yaml: cannot create a temporary file in "
+     "/opt/quor/imptdata: Read-only file system\n"},
+    {{"imptdata", "get", "urdf-dir"}, 2, "",
+     "korcommon: cannot create the urdf directory: Read-only file system: "
+     "'/opt/quor/imptdata/urdf/'\n"},
+    {{"imptdata", "get", "sn"}, 0, "RB-1\n"},
+  });
+  ASSERT_EQ(mount(nullptr, kStore, nullptr, MS_REMOUNT, nullptr), 0);
+  fs::remove("/opt/quor/imptdata/filler");
+  korcommon::testing::writeFile("/opt/quor/imptdata/joint_limit.yaml", "joint_limit: [1, {\n");
+  expectRows(KORCOMMON_CLI, {
+    // A damaged file is not (none), and it hides none of the other values.
+    {{"imptdata", "show"}, 2,
+     "serial number: RB-1\njoint offsets: 0.5,0.5,0.5,0.5,0.5,0.5,0.5,0.5,0.5,0.5,0.5,0.5\n"
+     "joint limits:  (unreadable)\nurdf dir:      (none)\n",
+     "korcommon: cannot read the joint limits: /opt/quor/imptdata/joint_limit.yaml: malformed "
+     "YAML: yaml-cpp: error at line 2, column 1: end of map flow not found\n"},
+  });
+  // clang-format on
 }
 
 }  // namespace

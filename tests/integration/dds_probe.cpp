@@ -1,25 +1,31 @@
-// A small node for the multi-process tests of the DDS transport.
+// A small node for the multi-process tests, on the DDS transport of DOVA_DOMAIN_ID.
 //
-//   dds_probe publish NODE COUNT NAMES SUBSCRIBERS LINGER_MS
-//     waits until SUBSCRIBERS other processes subscribe to /diagnostics_value,
-//     publishes COUNT reports named NODE/r<i % NAMES> with code i, prints
-//     "published COUNT", then stays LINGER_MS (-1: until killed).
+//   dds_probe publish NODE COUNT NAMES SUBSCRIBERS
+//     waits until SUBSCRIBERS other processes subscribe to /diagnostics_value, publishes
+//     COUNT reports named NODE/r<i % NAMES> with code i, prints "published COUNT" and
+//     stays until stopped.
 //   dds_probe raw NODE KIND...
-//     writes hand-made samples straight through Cyclone, one per KIND:
-//     good, truncated, overlong, short, md5 (a good frame under another checksum).
-//
-// The DDS domain comes from DOVA_DOMAIN_ID, like any dova node.
+//     writes hand-made samples straight through Cyclone, one per KIND: good, truncated,
+//     overlong, short, md5 (a good frame under another checksum); prints "sent N".
+//   dds_probe trace NODE MESSAGE
+//     logs MESSAGE at ERROR through korcommon::mtrace, prints "traced at line N" and
+//     stays until stopped, so its record stays available to processes that join later.
+// A probe stops on SIGINT or SIGTERM, ending with status 0, or by itself after 60 s.
 #include <dds/dds.h>
 #include <dova/init.h>
 #include <dova/msgs/diagnostic_msgs/DiagnosticValue.h>
 #include <dova/msgs/frame_check.h>
 #include <dova/msgs/topics.h>
 #include <korcommon/Diagnostics.h>
+#include <korcommon/log.h>
+#include <pthread.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,54 +35,46 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using dova::diagnostic_msgs::DiagnosticValue;
+using dova::msgs::kFramePrefixSize;
 
-bool waitForSubscribers(const std::string& topic, int wanted) {
-  const auto deadline = Clock::now() + std::chrono::seconds(30);
-  while (dova::remoteSubscriberCount(topic) < wanted) {
-    if (Clock::now() > deadline) return false;
+// Waits up to 30 s for `ready`, polling.
+template <typename Ready>
+bool waitUntil(Ready ready) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
 }
 
-void linger(long milliseconds) {
-  if (milliseconds < 0) {
-    for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-int publish(const std::string& node, long count, long names, int subscribers, long linger_ms) {
-  if (!dova::init(node, dova::Options{"dds", 1, true, -1})) return 2;
-  if (!waitForSubscribers(dova::msgs::kDiagnosticsTopic, subscribers)) return 3;
-  for (long i = 0; i < count; ++i) {
-    korcommon::Diagnostics::publish(node + "/r" + std::to_string(i % names), static_cast<int>(i), 0,
-                                    "seq " + std::to_string(i));
-  }
-  std::printf("published %ld\n", count);
+int stayUntilStopped(const sigset_t& stop) {
   std::fflush(stdout);
-  linger(linger_ms);
+  const timespec limit{60, 0};
+  sigtimedwait(&stop, nullptr, &limit);
   dova::shutdown();
   return 0;
 }
 
-std::vector<uint8_t> frameOf(const std::string& node,
-                             const dova::diagnostic_msgs::DiagnosticValue& value) {
-  std::vector<uint8_t> frame(dova::msgs::kFramePrefixSize +
-                             static_cast<size_t>(value.serializedLength()));
-  std::memcpy(frame.data(), node.data(), std::min(node.size(), dova::msgs::kFramePrefixSize));
-  value.serialize(frame.data() + dova::msgs::kFramePrefixSize, value.serializedLength());
+// A frame with `node` in its prefix and `value` encoded behind it, damaged as `kind` says.
+std::vector<uint8_t> frameOf(const std::string& node, const DiagnosticValue& value,
+                             const std::string& kind) {
+  std::vector<uint8_t> frame(kFramePrefixSize + static_cast<size_t>(value.serializedLength()));
+  std::memcpy(frame.data(), node.data(), std::min(node.size(), kFramePrefixSize));
+  value.serialize(frame.data() + kFramePrefixSize, value.serializedLength());
+  const uint32_t huge = 0xFFFFFFF0u;  // a name length far beyond the bytes that follow
+  if (kind == "truncated") frame.pop_back();
+  if (kind == "overlong") std::memcpy(frame.data() + kFramePrefixSize + 20, &huge, sizeof huge);
+  if (kind == "short") frame.resize(10);
   return frame;
 }
 
 int raw(const std::string& node, const std::vector<std::string>& kinds) {
   const char* domain_text = std::getenv("DOVA_DOMAIN_ID");
   const auto domain = static_cast<dds_domainid_t>(domain_text ? std::atoi(domain_text) : 0);
-  if (std::getenv("CYCLONEDDS_URI") == nullptr) {
-    // The same loopback-only configuration the platform uses.
-    if (dds_create_domain(domain, dova::platform::loopbackConfiguration()) < 0) return 2;
-  }
+  // The same loopback-only configuration the platform uses.
+  if (dds_create_domain(domain, dova::platform::loopbackConfiguration()) < 0) return 2;
   const dds_entity_t participant = dds_create_participant(domain, nullptr, nullptr);
   const dds_entity_t topic = dds_create_topic(participant, &dova_wire_Frame_desc,
                                               "dova/diagnostics_value", nullptr, nullptr);
@@ -86,52 +84,31 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
   dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
   const dds_entity_t writer = dds_create_writer(participant, topic, qos, nullptr);
   dds_delete_qos(qos);
-  if (writer < 0) return 2;
-
-  const auto deadline = Clock::now() + std::chrono::seconds(30);
-  for (;;) {
-    dds_publication_matched_status_t status{};
-    dds_get_publication_matched_status(writer, &status);
-    if (status.current_count > 0) break;
-    if (Clock::now() > deadline) return 3;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (writer < 0 || !waitUntil([writer] {
+        dds_publication_matched_status_t status{};
+        dds_get_publication_matched_status(writer, &status);
+        return status.current_count > 0;
+      })) {
+    return 3;
   }
-
-  const std::string good_md5 = dova::diagnostic_msgs::DiagnosticValue().getMD5();
   for (size_t i = 0; i < kinds.size(); ++i) {
-    const std::string& kind = kinds[i];
-    dova::diagnostic_msgs::DiagnosticValue value;
-    value.name = "raw/" + kind;
+    DiagnosticValue value;
+    value.name = "raw/" + kinds[i];
     value.code = static_cast<int>(i);
-    value.message = "hand-made";
-    std::vector<uint8_t> frame = frameOf(node, value);
-    std::string md5 = good_md5;
-    if (kind == "truncated") {
-      frame.pop_back();
-    } else if (kind == "overlong") {
-      // The name's length prefix claims far more bytes than follow.
-      const uint32_t huge = 0xFFFFFFF0u;
-      std::memcpy(frame.data() + dova::msgs::kFramePrefixSize + 20, &huge, sizeof huge);
-    } else if (kind == "short") {
-      frame.resize(10);
-    } else if (kind == "md5") {
-      md5 = "00000000000000000000000000000000";
-    }
-    const std::string key = value.name;
+    std::vector<uint8_t> frame = frameOf(node, value, kinds[i]);
+    std::string md5 = kinds[i] == "md5" ? std::string(32, '0') : value.getMD5();
     dova_wire_Frame sample{};
     sample.publisher = const_cast<char*>(node.c_str());
-    sample.key = const_cast<char*>(key.c_str());
-    sample.md5 = const_cast<char*>(md5.c_str());
+    sample.key = value.name.data();
+    sample.md5 = md5.data();
     sample.data._buffer = frame.data();
-    sample.data._length = static_cast<uint32_t>(frame.size());
-    sample.data._maximum = static_cast<uint32_t>(frame.size());
-    sample.data._release = false;
+    sample.data._length = sample.data._maximum = static_cast<uint32_t>(frame.size());
     if (dds_write(writer, &sample) != DDS_RETCODE_OK) return 4;
   }
   dds_wait_for_acks(writer, DDS_SECS(5));
   std::printf("sent %zu\n", kinds.size());
   std::fflush(stdout);
-  linger(500);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
   dds_delete(participant);
   return 0;
 }
@@ -140,15 +117,37 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.size() == 6 && args[0] == "publish") {
-    return publish(args[1], std::atol(args[2].c_str()), std::atol(args[3].c_str()),
-                   std::atoi(args[4].c_str()), std::atol(args[5].c_str()));
+  if (args.size() >= 3 && args[0] == "raw") return raw(args[1], {args.begin() + 2, args.end()});
+  // Blocked before the middleware starts its threads, so that they inherit the mask and the
+  // stop signals wait for sigtimedwait.
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+  if (args.size() < 3 || !dova::init(args[1], dova::Options{"dds", 1, true, -1})) return 2;
+  if (args.size() == 5 && args[0] == "publish") {
+    const long count = std::atol(args[2].c_str());
+    if (!waitUntil([&] {
+          return dova::remoteSubscriberCount(dova::msgs::kDiagnosticsTopic) >=
+                 std::atoi(args[4].c_str());
+        })) {
+      return 3;
+    }
+    for (long i = 0; i < count; ++i) {
+      korcommon::Diagnostics::publish(
+          args[1] + "/r" + std::to_string(i % std::atol(args[3].c_str())), static_cast<int>(i), 0,
+          "seq " + std::to_string(i));
+    }
+    std::printf("published %ld\n", count);
+    return stayUntilStopped(stop);
   }
-  if (args.size() >= 3 && args[0] == "raw") {
-    return raw(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
+  if (args.size() == 3 && args[0] == "trace") {
+    const int line = __LINE__ + 1;
+    korcommon::mtrace(8, __FILE__, line, "main", "%s", args[2].c_str());
+    std::printf("traced at line %d\n", line);
+    return stayUntilStopped(stop);
   }
-  std::fprintf(stderr,
-               "usage: dds_probe publish NODE COUNT NAMES SUBSCRIBERS LINGER_MS\n"
-               "       dds_probe raw NODE KIND...\n");
+  std::fprintf(stderr, "usage: see the comment at the top of dds_probe.cpp\n");
   return 2;
 }

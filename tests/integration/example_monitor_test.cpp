@@ -15,9 +15,8 @@ using korcommon::testing::ChildProcess;
 using namespace std::chrono_literals;
 
 TEST(ExampleMonitor, PrintsTheStartUpStateOfReportersHeardLateInTheRun) {
-  unsetenv("CYCLONEDDS_URI");  // loopback only
   setenv("DOVA_TRANSPORT", "dds", 1);
-  korcommon::testing::claimDdsDomain();
+  korcommon::testing::claimDdsDomain();  // and loopback only
   ChildProcess reporter(KORCOMMON_CLI, {"diag", "pub", "late/knee", "warn", "7", "hot", "--rate",
                                         "5", "--verbose", "--node", "late_knee"});
   ASSERT_TRUE(reporter.waitForOutput("published #1:", 20s)) << reporter.errors();

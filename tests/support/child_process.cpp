@@ -1,12 +1,13 @@
 #include "child_process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <regex>
 #include <thread>
 
 #include "read_file.h"
@@ -14,59 +15,29 @@
 extern char** environ;
 
 namespace korcommon::testing {
-namespace fs = std::filesystem;
+
 using Clock = std::chrono::steady_clock;
 
-namespace {
-
-std::vector<std::string> mergedEnvironment(const std::map<std::string, std::string>& changes) {
-  std::map<std::string, std::string> merged;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const char* equals = std::strchr(*entry, '=');
-    if (equals != nullptr)
-      merged[std::string(*entry, static_cast<size_t>(equals - *entry))] = equals + 1;
-  }
-  for (const auto& change : changes) {
-    if (change.second.empty()) {
-      merged.erase(change.first);
-    } else {
-      merged[change.first] = change.second;
-    }
-  }
-  std::vector<std::string> entries;
-  for (const auto& variable : merged) entries.push_back(variable.first + "=" + variable.second);
-  return entries;
-}
-
-}  // namespace
-
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                           const std::map<std::string, std::string>& environment,
-                           const fs::path& input) {
-  if (directory_.path().empty()) return;
-  const fs::path out = directory_.path() / "stdout";
-  const fs::path err = directory_.path() / "stderr";
-
+                           const std::string& input) {
+  const std::filesystem::path& directory = directory_.path();
+  EXPECT_FALSE(directory.empty()) << "cannot make a scratch directory";
+  writeFile(directory / "stdin", input);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-
+  posix_spawn_file_actions_addopen(&actions, 0, (directory / "stdin").c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, (directory / "stdout").c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, (directory / "stderr").c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
   std::vector<std::string> words = {program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::vector<std::string> variables = mergedEnvironment(environment);
-  std::vector<char*> envp;
-  for (std::string& variable : variables) envp.push_back(variable.data());
-  envp.push_back(nullptr);
-
-  if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) {
-    pid_ = -1;
-  }
+  if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
   posix_spawn_file_actions_destroy(&actions);
+  EXPECT_GT(pid_, 0) << "cannot start " << program;
 }
 
 ChildProcess::~ChildProcess() {
@@ -86,31 +57,64 @@ bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseco
     if (output().find(text) != std::string::npos) return true;
     if (pid_ <= 0 || reaped_ || Clock::now() >= deadline) return false;
     if (waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == pid_) {
-      // Ended: one last look at what it printed.
-      return output().find(text) != std::string::npos;
+      return output().find(text) != std::string::npos;  // ended: one last look
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
-std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return std::nullopt;
+int ChildProcess::wait(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  while (!reaped_) {
-    const pid_t done = waitpid(pid_, &wait_status_, WNOHANG);
-    if (done == pid_) {
-      reaped_ = true;
-      break;
-    }
-    if (Clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  while (pid_ > 0 && !reaped_) {
+    reaped_ = waitpid(pid_, &wait_status_, WNOHANG) == pid_;
+    if (!reaped_ && Clock::now() >= deadline) return -1;
+    if (!reaped_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  if (WIFEXITED(wait_status_)) return WEXITSTATUS(wait_status_);
-  return std::nullopt;
+  return reaped_ && WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
 }
 
 void ChildProcess::signal(int number) const {
   if (pid_ > 0 && !reaped_) kill(pid_, number);
+}
+
+ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
+                   const std::string& input, std::chrono::milliseconds timeout) {
+  ChildProcess tool(program, arguments, input);
+  ToolResult result{tool.wait(timeout), "", ""};
+  if (!tool.ended()) {
+    std::string command = program;
+    for (const std::string& argument : arguments) command += " " + argument;
+    ADD_FAILURE() << "timed out: " << command << " still ran after " << timeout.count()
+                  << " ms and was killed";
+  }
+  result.out = tool.output();
+  result.err = tool.errors();
+  return result;
+}
+
+namespace {
+
+void expectText(const std::string& actual, const std::string& expected, const char* stream) {
+  if (!expected.empty() && expected[0] == '~') {
+    EXPECT_TRUE(std::regex_match(actual, std::regex(expected.substr(1))))
+        << stream << ": " << actual << "does not match " << expected.substr(1);
+  } else {
+    EXPECT_EQ(actual, expected) << stream;
+  }
+}
+
+}  // namespace
+
+void expectRows(const std::string& program, const std::vector<CliRow>& rows) {
+  for (const CliRow& row : rows) {
+    std::string command = "korcommon";
+    for (const std::string& argument : row.args) command += " '" + argument + "'";
+    SCOPED_TRACE(command);
+    const ToolResult result = runTool(program, row.args, row.input);
+    EXPECT_EQ(result.status, row.status) << result.err;
+    expectText(result.out, row.out, "standard output");
+    expectText(result.err, row.err, "standard error");
+  }
 }
 
 }  // namespace korcommon::testing

@@ -1,0 +1,57 @@
+#ifndef KORCOMMON_TESTS_SUPPORT_INBOX_H_
+#define KORCOMMON_TESTS_SUPPORT_INBOX_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace korcommon::testing {
+
+// Far longer than anything a passing test waits for, even on a loaded machine: it only
+// turns a hang into a failure well before the whole run's limit.
+constexpr std::chrono::seconds kDeadline{30};
+
+// What other threads hand over to a test, in the order it came, with waits that give up at
+// a deadline. Callbacks that may run after the test returned (detached threads) hold the
+// inbox through a shared pointer. Thread-safe.
+template <typename T>
+class Inbox {
+ public:
+  void add(T item) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    items_.push_back(std::move(item));
+    changed_.notify_all();
+  }
+
+  // True once `done(items)` holds, false at the deadline.
+  template <typename Done>
+  bool waitUntil(Done done, std::chrono::milliseconds timeout = kDeadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return done(items_); });
+  }
+  bool waitFor(size_t count, std::chrono::milliseconds timeout = kDeadline) {
+    return waitUntil([count](const std::vector<T>& items) { return items.size() >= count; },
+                     timeout);
+  }
+
+  std::vector<T> items() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return items_;
+  }
+  size_t size() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return items_.size();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<T> items_;
+};
+
+}  // namespace korcommon::testing
+
+#endif  // KORCOMMON_TESTS_SUPPORT_INBOX_H_
