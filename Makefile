@@ -30,7 +30,7 @@ tour: deps
 	cmake --build --preset dev --target korcommon_cli
 	scripts/demo build/dev/tools/korcommon
 
-BENCHMARKS := bench_json bench_msgs bench_trace bench_diag
+BENCHMARKS := bench_json bench_msgs bench_trace bench_diag bench_dds
 
 bench: deps
 	cmake --preset release
