@@ -11,6 +11,7 @@
 #include "log_command.h"
 #include "sig_command.h"
 #include "usage_error.h"
+#include "web_command.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Tools for the korcommon services of a legged robot.", "korcommon");
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
   korcommon::cli::addDiagCommand(app);
   korcommon::cli::addLogCommand(app);
   korcommon::cli::addDoctorCommand(app);
+  korcommon::cli::addWebCommand(app);
   korcommon::cli::addHelpCommand(app);
 
   try {

@@ -63,7 +63,7 @@ TEST_F(CliSig, Make) {
      "korcommon: --json-data: Unexpected token: }\n"},
     {{"sig", "make", "pose", "[1,2]", "--json-data"}, 2, "",
      "korcommon: --json-data: DATA must be a JSON object\n"},
-    {{}, 2, "", "korcommon: a command is required: sig, imptdata, diag, log, doctor, help "
+    {{}, 2, "", "korcommon: a command is required: sig, imptdata, diag, log, doctor, web, help "
                 "(see korcommon --help)\n"},
     {{"foo"}, 2, "", "korcommon: unknown command \"foo\" (see korcommon --help)\n"},
     {{"--bogus"}, 2, "", "korcommon: unknown option \"--bogus\" (see korcommon --help)\n"},
