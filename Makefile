@@ -17,8 +17,13 @@ configure: deps
 build: configure
 	cmake --build --preset $(PRESET)
 
-test: build
+test: build node_modules
 	ctest --preset $(PRESET)
+
+# puppeteer-core, through which the dashboard's browser test drives the system Chromium.
+node_modules: package.json package-lock.json
+	npm ci --no-audit --no-fund
+	touch node_modules
 
 demo: deps
 	cmake --preset dev
