@@ -340,8 +340,8 @@ TEST(Subscriber, ModesOneAndTwoRegisterAnIdAPoolAndTheSubscriber) {
     ASSERT_EQ(handle.pools.size(), 1u);
     ASSERT_EQ(handle.pools.count(id), 1u);
     ASSERT_NE(handle.pools[id], nullptr);
-    EXPECT_EQ(handle.pools[id]->name(), "dova_pool");
-    EXPECT_EQ(handle.pools[id]->thread_count(), 1);
+    EXPECT_EQ(handle.pools[id]->name, "dova_pool");
+    EXPECT_EQ(handle.pools[id]->thread_count, 1);
     ASSERT_EQ(handle.subscribers.size(), 1u);
     EXPECT_EQ(handle.subscribers[id], &sub);
     EXPECT_EQ(sub.negotiated(), mode == 2) << "only mode 2 negotiates";

@@ -201,6 +201,28 @@ TEST(ThreadPool, NamesItsThreads) {
   EXPECT_EQ(threadNamesOf("abcdefghijklm", 2), (Names{"abcdefghijklm_0", "abcdefghijklm_1"}));
 }
 
+TEST(ThreadPool, MiddlewarePostsThroughTheFieldsOfItsDataModel) {
+  dova::ThreadPool pool("fields_pool", 2);
+  EXPECT_EQ(pool.name, "fields_pool");
+  EXPECT_EQ(pool.thread_count, 2);
+  EXPECT_TRUE(pool.running);
+  // Idle workers wait for work inside a turn of their loop: both count.
+  const auto deadline = steady_clock::now() + kDeadline;
+  while (pool.active != 2 && steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  EXPECT_EQ(pool.active, 2);
+
+  // The middleware's own posting: append under queue_mutex, then signal.
+  Gate ran;
+  {
+    std::lock_guard<std::mutex> lock(pool.queue_mutex);
+    pool.tasks.push_back([&ran] { ran.open(); });
+  }
+  pool.queue_cond.notify_one();
+  EXPECT_TRUE(ran.waitFor());
+}
+
 TEST(ThreadPool, RunsTasksInOrderOnOneThread) {
   constexpr int kTasks = 500;
   std::vector<int> order;  // touched only by the worker until `done` opens

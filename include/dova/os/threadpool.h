@@ -33,57 +33,11 @@ namespace dova {
 // A task that takes 50 ms or more is reported, at most once a second for the
 // whole process.
 class ThreadPool {
- public:
-  ThreadPool(const std::string& name, int thread_count) : state_(std::make_shared<State>()) {
-    state_->name = name;
-    state_->thread_count = thread_count;
-    for (int index = 0; index < thread_count; ++index) {
-      // Each worker holds the state too: one that outlives the bounded wait
-      // of the destructor then finds it still there.
-      std::thread(&ThreadPool::thread_loop, state_, index).detach();
-    }
-  }
-
-  ~ThreadPool() {
-    state_->running = false;
-    {
-      std::lock_guard<std::mutex> lock(state_->queue_mutex);
-      state_->tasks.clear();  // pending tasks are never run
-      state_->queue_cond.notify_all();
-    }
-    wait_completed(3);
-  }
-
-  ThreadPool(const ThreadPool&) = delete;
-  ThreadPool& operator=(const ThreadPool&) = delete;
-
-  // Appends `task` at the back of the queue; it runs after every task posted before it.
-  void post(std::function<void()> task) {
-    std::lock_guard<std::mutex> lock(state_->queue_mutex);
-    state_->tasks.push_back(std::move(task));
-    state_->queue_cond.notify_one();
-  }
-
-  // Waits until no worker is inside a turn of its loop, at most `timeout_s`
-  // seconds, polling every millisecond; warns when they are still busy.
-  void wait_completed(int timeout_s) {
-    if (state_->active <= 0) return;
-    for (int poll = 0; poll < timeout_s * 1000; ++poll) {
-      Duration(0, 1000000).wallSleep();
-      if (state_->active < 1) return;
-    }
-    mtrace(WARN, __FILE__, __LINE__, "wait_completed", false,
-           "Blocked - %s wait_completed timeout=%ds", state_->name.c_str(), timeout_s);
-    std::cout << "Warning: "
-              << "Blocked - " << state_->name << " wait_completed timeout=" << timeout_s << "s"
-              << std::endl;
-  }
-
-  const std::string& name() const { return state_->name; }
-  int thread_count() const { return state_->thread_count; }
-
- private:
+  // What the workers share with the pool object. Each worker holds it too, so
+  // a worker that outlives the bounded wait of the destructor still finds it.
   struct State {
+    State(const std::string& pool_name, int threads) : name(pool_name), thread_count(threads) {}
+
     std::deque<std::function<void()>> tasks;
     std::mutex queue_mutex;
     std::condition_variable queue_cond;
@@ -94,6 +48,73 @@ class ThreadPool {
     int thread_count = 0;
   };
 
+  std::shared_ptr<State> state_;  // first: the public references below point into it
+
+ public:
+  ThreadPool(const std::string& pool_name, int threads)
+      : state_(std::make_shared<State>(pool_name, threads)),
+        tasks(state_->tasks),
+        queue_mutex(state_->queue_mutex),
+        queue_cond(state_->queue_cond),
+        running(state_->running),
+        active_mutex(state_->active_mutex),
+        active(state_->active),
+        name(state_->name),
+        thread_count(state_->thread_count) {
+    for (int index = 0; index < threads; ++index) {
+      std::thread(&ThreadPool::thread_loop, state_, index).detach();
+    }
+  }
+
+  ~ThreadPool() {
+    running = false;
+    {
+      std::lock_guard<std::mutex> lock(queue_mutex);
+      tasks.clear();  // pending tasks are never run
+      queue_cond.notify_all();
+    }
+    wait_completed(3);
+  }
+
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  // Appends `task` at the back of the queue; it runs after every task posted before it.
+  void post(std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(queue_mutex);
+    tasks.push_back(std::move(task));
+    queue_cond.notify_one();
+  }
+
+  // Waits until no worker is inside a turn of its loop, at most `timeout_s`
+  // seconds, polling every millisecond; warns when they are still busy.
+  void wait_completed(int timeout_s) {
+    if (active <= 0) return;
+    for (int poll = 0; poll < timeout_s * 1000; ++poll) {
+      Duration(0, 1000000).wallSleep();
+      if (active < 1) return;
+    }
+    mtrace(WARN, __FILE__, __LINE__, "wait_completed", false,
+           "Blocked - %s wait_completed timeout=%ds", name.c_str(), timeout_s);
+    std::cout << "Warning: "
+              << "Blocked - " << name << " wait_completed timeout=" << timeout_s << "s"
+              << std::endl;
+  }
+
+  // The pool's state under the names of its data model, for the middleware's
+  // side: it posts by appending to `tasks` under `queue_mutex` and signalling
+  // `queue_cond`, as post() does. They refer into the state the workers share;
+  // `queue_mutex` guards `tasks`, `active_mutex` guards changes of `active`.
+  std::deque<std::function<void()>>& tasks;  // pending tasks, taken from the front
+  std::mutex& queue_mutex;
+  std::condition_variable& queue_cond;  // signalled when tasks arrive or the pool stops
+  std::atomic<bool>& running;           // true until destruction begins
+  std::mutex& active_mutex;
+  std::atomic<int>& active;  // workers inside one turn of their loop (waiting or running)
+  std::string& name;         // also the base of the thread names
+  int& thread_count;
+
+ private:
   // Wall-clock seconds of the last slow-task report, shared by every pool of
   // the process so that a burst of slow tasks cannot flood the trace.
   static std::atomic<double>& lastSlowReport() {
@@ -175,8 +196,6 @@ class ThreadPool {
       if (!state->running) return;
     }
   }
-
-  std::shared_ptr<State> state_;
 };
 
 }  // namespace dova
