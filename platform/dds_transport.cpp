@@ -5,12 +5,15 @@
 
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "dova/guid.h"
 #include "dova/trace.h"
 #include "frame.h"
+#include "transport.h"
 
 namespace dova::platform {
 namespace {
@@ -62,6 +65,8 @@ class DdsTransport : public Transport {
       : domain_(domain), participant_(participant), publisher_(std::move(publisher)) {}
 
   ~DdsTransport() override { stop(); }
+
+  bool reachesOtherProcesses() const override { return true; }
 
   void send(const std::string& topic, const std::string& md5, const std::string& key,
             const uint8_t* frame, size_t size) override {
@@ -193,8 +198,13 @@ class DdsTransport : public Transport {
 
 const char* loopbackConfiguration() { return kLoopbackConfiguration; }
 
-std::unique_ptr<Transport> createDdsTransport(int domain_id, const std::string& node_name,
+// The "dds" transport: Eclipse Cyclone DDS on the settings' domain. Without
+// CYCLONEDDS_URI in the environment Cyclone is pinned to the loopback
+// interface, so nothing leaves the machine; with it, Cyclone's own
+// configuration rules.
+std::unique_ptr<Transport> createDdsTransport(const TransportSettings& settings,
                                               std::string& error) {
+  const int domain_id = settings.domain_id;
   const auto domain_number = static_cast<dds_domainid_t>(domain_id);
   dds_entity_t domain = 0;
   const char* uri = std::getenv("CYCLONEDDS_URI");
@@ -214,7 +224,7 @@ std::unique_ptr<Transport> createDdsTransport(int domain_id, const std::string& 
   }
   // Unique per process run, so two runs of one node never share DDS instances.
   const std::string publisher =
-      node_name + "/" + std::to_string(getpid()) + "/" + guid::uuid().substr(0, 8);
+      settings.node_name + "/" + std::to_string(getpid()) + "/" + guid::uuid().substr(0, 8);
   return std::make_unique<DdsTransport>(domain, participant, publisher);
 }
 

@@ -26,10 +26,10 @@ bool SubscriberBase::subscribe(NodeHandleBase* handle, bool latch_state, bool re
   latch = latch_state;
   reliable = reliable_delivery;
   queue_size = queue_length;
-  platform::PlatformNodeHandle* platform = platform::runningHandle();
-  // Another handle (a stand-in installed by a test) delivers by itself.
-  if (platform == nullptr || handle != platform) return true;
-  return platform->bus().addSubscription(this);
+  // Another handle (a stand-in installed by a test, another middleware)
+  // delivers by itself.
+  auto* platform = dynamic_cast<platform::PlatformNodeHandle*>(handle);
+  return platform == nullptr || platform->attach(*this);
 }
 
 }  // namespace dova

@@ -22,6 +22,10 @@ class Transport {
  public:
   virtual ~Transport() = default;
 
+  // Whether frames sent here can reach another process; when not, the
+  // dispatcher builds no frame for the transport's sake.
+  virtual bool reachesOtherProcesses() const = 0;
+
   // Sends one frame on `topic`. For a latched topic `key` names the state the
   // frame replaces (the report's name for diagnostics), so a process that
   // joins later receives the latest frame of every key.
@@ -43,6 +47,16 @@ class Transport {
   // What was sent is first given a moment to reach the matched subscribers.
   virtual void stop() = 0;
 };
+
+// What a transport is created for.
+struct TransportSettings {
+  std::string node_name;
+  int domain_id = 0;  // the DDS domain, for transports that have domains
+};
+
+// Creates a transport; returns null with `error` set when it cannot start.
+using TransportMaker = std::unique_ptr<Transport> (*)(const TransportSettings& settings,
+                                                      std::string& error);
 
 }  // namespace dova::platform
 

@@ -4,22 +4,15 @@
 #include <cstdint>
 #include <string>
 
+#include "dova/options.h"
 #include "dova/os/node_handle_base.h"
 
 namespace dova {
 
-// How a node joins the middleware. Unset fields fall back to the environment
-// ("DOVA_TRANSPORT", "DOVA_MODE", "DOVA_DOMAIN_ID"), then to the defaults.
-struct Options {
-  std::string transport;      // "local"; empty: $DOVA_TRANSPORT, else "local"
-  int mode = -1;              // 0, 1 or 2; -1: $DOVA_MODE, else 1
-  bool intra_process = true;  // same-process deliveries skip encoding
-  int domain_id = -1;         // DDS domain; -1: $DOVA_DOMAIN_ID, else 0
-};
-
 // Starts the middleware for this process under `node_name`. Returns false,
 // with an ERROR trace and nothing changed, for a second init without
-// shutdown, an empty name, or an unknown transport or mode. Thread-safe.
+// shutdown, an empty name, an unknown transport or mode, a domain id out of
+// range, or a transport that cannot start. Thread-safe.
 bool init(const std::string& node_name, const Options& options = {});
 
 // Stops deliveries and joins the platform's threads; nh() answers the plain

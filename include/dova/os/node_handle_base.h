@@ -205,7 +205,9 @@ class NodeHandleBase {
   template <typename T>
   bool subscribe(Subscriber<T>& sub, bool latch_state, bool reliable_delivery, int queue_length);
 
-  uint32_t inited = 0;           // non-zero once the middleware is initialised
+  // Non-zero once the middleware is initialised. Atomic: the middleware
+  // clears it on shutdown while other threads may be reading it.
+  std::atomic<uint32_t> inited{0};
   uint32_t mode = 0;             // 0, 1 or 2: how deliveries reach subscribers
   std::mutex subscribers_mutex;  // guards id generation, pool creation and the maps
   std::map<uint32_t, std::shared_ptr<ThreadPool>> pools;  // one pool per subscription id
