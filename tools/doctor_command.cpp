@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/msgs/topics.h"
+#include "dova/options.h"
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
 #include "korcommon/log.h"
@@ -100,18 +102,18 @@ class NodeCensus {
 void checkMiddleware(double wait_seconds, std::vector<Check>& checks,
                      std::unique_ptr<NodeCensus>& census) {
   const std::string transport = cliTransport();
-  const std::string domain = isSet("DOVA_DOMAIN_ID") ? environment("DOVA_DOMAIN_ID") : "0";
-  const std::string mode = isSet("DOVA_MODE") ? environment("DOVA_MODE") : "1";
   Check transport_check{Check::kOk, "transport", "", ""};
   Check nodes_check{Check::kWarn, "nodes", "", ""};
 
   Session session("korcommon_doctor_" + std::to_string(getpid()));
-  if (!session.joined()) {
+  // What init made of the request and the environment, as the platform resolved it.
+  const std::optional<dova::Options> used =
+      session.joined() ? dova::runningOptions() : std::nullopt;
+  if (!used) {
     transport_check.status = Check::kFail;
     transport_check.detail = transport + " cannot start: " + session.error();
-    transport_check.hint =
-        "DOVA_TRANSPORT must be local or dds, DOVA_MODE 0, 1 or 2, DOVA_DOMAIN_ID 0 to 232, "
-        "and CYCLONEDDS_URI (when set) a valid Cyclone DDS configuration";
+    transport_check.hint = dova::acceptedOptions() +
+                           ", and CYCLONEDDS_URI (when set) a valid Cyclone DDS configuration";
     nodes_check.detail = "not checked: the middleware did not start";
     nodes_check.hint = "fix the transport first";
     checks.push_back(transport_check);
@@ -119,14 +121,16 @@ void checkMiddleware(double wait_seconds, std::vector<Check>& checks,
     return;
   }
 
-  if (transport == "local") {
+  const std::string domain = std::to_string(used->domain_id);
+  const std::string mode = std::to_string(used->mode);
+  if (used->transport == "local") {
     transport_check.status = Check::kWarn;
     transport_check.detail = "local (DOVA_TRANSPORT=local), mode " + mode +
                              ": every process is its own world, nothing reaches another";
     transport_check.hint = "unset DOVA_TRANSPORT (the tool then uses dds) or set it to dds";
   } else {
     const std::string uri = environment("CYCLONEDDS_URI");
-    transport_check.detail = "dds, domain " + domain + ", mode " + mode + ", " +
+    transport_check.detail = used->transport + ", domain " + domain + ", mode " + mode + ", " +
                              (uri.empty() ? std::string("loopback only (CYCLONEDDS_URI unset)")
                                           : "networked (CYCLONEDDS_URI=" + oneLine(uri) + ")");
   }
