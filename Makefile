@@ -1,5 +1,6 @@
 # Two commands do everything on a fresh Debian 12 machine:
-#   make demo   runs a simulated robot reporting its health for ten seconds
+#   make demo   runs a simulated robot reporting its health for ten seconds, with the
+#               operator's web page beside it
 #   make test   builds everything and runs every test
 PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
@@ -25,17 +26,18 @@ node_modules: package.json package-lock.json
 	npm ci --no-audit --no-fund
 	touch node_modules
 
+# DEMO_RUNS=N runs the robot N times in a row, for longer with the dashboard.
 demo: deps
 	cmake --preset dev
-	cmake --build --preset dev --target simulated_robot
-	build/dev/examples/simulated_robot
+	cmake --build --preset dev --target simulated_robot korcommon_cli
+	scripts/demo-dashboard build/dev $(DEMO_RUNS)
 
 tour: deps
 	cmake --preset dev
 	cmake --build --preset dev --target korcommon_cli
 	scripts/demo build/dev/tools/korcommon
 
-BENCHMARKS := bench_json bench_msgs bench_trace bench_diag bench_dds
+BENCHMARKS := bench_json bench_msgs bench_trace bench_diag bench_dds bench_web
 
 bench: deps
 	cmake --preset release
