@@ -6,17 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "command_tree.h"
 #include "exit_status.h"
 #include "usage_error.h"
 
 namespace korcommon::cli {
 namespace {
-
-const CLI::App* findSubcommand(const CLI::App& command, const std::string& name) {
-  const std::vector<const CLI::App*> found = command.get_subcommands(
-      [&name](const CLI::App* subcommand) { return subcommand->get_name() == name; });
-  return found.empty() ? nullptr : found.front();
-}
 
 void runHelp(const CLI::App& root, const std::vector<std::string>& words) {
   const CLI::App* command = &root;

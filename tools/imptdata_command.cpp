@@ -185,7 +185,7 @@ void addImptdataCommand(CLI::App& app) {
       "\n"
       "Exit status: 0 printed; 2 bad usage, or a value cannot be read.\n"
       "\n"
-      "Example:\n"
+      "Examples:\n"
       "  korcommon imptdata show");
   show->callback(runShow);
 

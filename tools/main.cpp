@@ -3,17 +3,21 @@
 #include <iostream>
 #include <string>
 
+#include "bash_completion.h"
 #include "diag_command.h"
 #include "doctor_command.h"
 #include "exit_status.h"
 #include "help_command.h"
 #include "imptdata_command.h"
 #include "log_command.h"
+#include "man_page.h"
 #include "sig_command.h"
 #include "usage_error.h"
 #include "web_command.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int run(int argc, char** argv) {
   CLI::App app("Tools for the korcommon services of a legged robot.", "korcommon");
   app.set_version_flag("--version", std::string("korcommon ") + KORCOMMON_VERSION,
                        "Print the version and exit");
@@ -37,6 +41,19 @@ int main(int argc, char** argv) {
   korcommon::cli::addDoctorCommand(app);
   korcommon::cli::addWebCommand(app);
   korcommon::cli::addHelpCommand(app);
+  // Hidden: the build writes the bash completion and the man page from the commands above.
+  app.add_flag_callback("--generate-bash-completion",
+                        [&app] {
+                          korcommon::cli::writeBashCompletion(app, std::cout);
+                          throw CLI::Success();
+                        })
+      ->group("");
+  app.add_flag_callback("--generate-man-page",
+                        [&app] {
+                          korcommon::cli::writeManPage(app, KORCOMMON_VERSION, std::cout);
+                          throw CLI::Success();
+                        })
+      ->group("");
 
   try {
     app.parse(argc, argv);
@@ -46,9 +63,17 @@ int main(int argc, char** argv) {
     // is bad usage, which shares status 2 with unreadable input.
     if (status == korcommon::cli::kSuccess || error.get_name() == "RuntimeError") return status;
     return korcommon::cli::kTrouble;
-  } catch (const std::exception& error) {
-    std::cerr << "korcommon: " << error.what() << '\n';
-    return korcommon::cli::kTrouble;
   }
   return korcommon::cli::kSuccess;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "korcommon: " << error.what() << '\n';
+  }
+  return korcommon::cli::kTrouble;
 }

@@ -121,7 +121,7 @@ std::string readAll(std::FILE* stream, const std::string& file) {
   char buffer[65536];
   size_t length = 0;
   while ((length = std::fread(buffer, 1, sizeof buffer, stream)) > 0) text.append(buffer, length);
-  if (std::ferror(stream)) {
+  if (std::ferror(stream) != 0) {
     failWith(kTrouble, "cannot read " + inputName(file) + ": " + std::strerror(errno));
   }
   return text;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "command_tree.h"
+
 namespace korcommon::cli {
 namespace {
 
@@ -16,13 +18,11 @@ std::string aboutCommand(const CLI::App& command, const std::string& message) {
   return prefix + message + " (see " + path + " --help)";
 }
 
-bool hasSubcommands(const CLI::App& command) {
-  return !command.get_subcommands([](const CLI::App*) { return true; }).empty();
-}
+bool hasSubcommands(const CLI::App& command) { return !subcommandsOf(command).empty(); }
 
 std::string subcommandNames(const CLI::App& command) {
   std::string names;
-  for (const CLI::App* subcommand : command.get_subcommands([](const CLI::App*) { return true; })) {
+  for (const CLI::App* subcommand : subcommandsOf(command)) {
     if (!names.empty()) names += ", ";
     names += subcommand->get_name();
   }
@@ -30,11 +30,6 @@ std::string subcommandNames(const CLI::App& command) {
 }
 
 }  // namespace
-
-std::string commandPath(const CLI::App& command) {
-  const CLI::App* parent = command.get_parent();
-  return parent == nullptr ? command.get_name() : commandPath(*parent) + ' ' + command.get_name();
-}
 
 std::string unknownWordError(const CLI::App& command, const std::string& word) {
   const bool option = word.size() > 1 && word[0] == '-';

@@ -10,9 +10,6 @@ class Error;
 
 namespace korcommon::cli {
 
-// The words that run `command`, e.g. "korcommon sig make".
-std::string commandPath(const CLI::App& command);
-
 // Why the command line parsed by `root` was refused, as one line without the "korcommon: "
 // prefix: the first word no command knows, by name ("sig: unknown option \"--bogus\""), or
 // the parser's own reason, prefixed with the command it concerns; then where to read more
