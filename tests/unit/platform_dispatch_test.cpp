@@ -28,6 +28,10 @@ thread_local size_t allocations = 0;
 
 }  // namespace
 
+// Replaced as a pair, so malloc and free do match: the compiler, seeing both
+// in one file, would take free() in operator delete for a mismatch.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(std::size_t size) {
   if (counting_allocations) ++allocations;
   if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
@@ -35,6 +39,7 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+#pragma GCC diagnostic pop
 
 namespace {
 
