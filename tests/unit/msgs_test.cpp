@@ -1,0 +1,182 @@
+// The three messages through one typed suite: golden encodings and echo texts, parse tables,
+// the agreed constants, and the frame check that guards decoding of received bytes.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
+#include "dova/msgs/dova_msgs/Log.h"
+#include "dova/msgs/frame_check.h"
+#include "dova/msgs/std_msgs/Header.h"
+#include "table_rows.h"
+
+namespace {
+
+using korcommon::testing::tableRows;
+
+std::vector<uint8_t> fromHex(const std::string& hex) {
+  std::vector<uint8_t> bytes;
+  for (size_t at = 0; at + 1 < hex.size(); at += 2) {
+    bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(at, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+std::string toHex(const uint8_t* data, size_t size) {
+  std::string hex;
+  char digits[3];
+  for (size_t at = 0; at < size; ++at) {
+    std::snprintf(digits, sizeof digits, "%02x", data[at]);
+    hex += digits;
+  }
+  return hex;
+}
+
+// Bytes in a heap block of exactly their size, so that AddressSanitizer catches a read past it.
+struct ExactBuffer {
+  explicit ExactBuffer(const std::vector<uint8_t>& bytes)
+      : data(new uint8_t[bytes.size() + 1]), size(bytes.size()) {
+    std::memcpy(data.get(), bytes.data(), size);
+  }
+  std::unique_ptr<uint8_t[]> data;
+  size_t size;
+};
+
+template <typename MessageT>
+bool frameFits(const std::vector<uint8_t>& message) {
+  std::vector<uint8_t> frame(dova::msgs::kFramePrefixSize, 'n');
+  frame.insert(frame.end(), message.begin(), message.end());
+  const ExactBuffer exact(frame);
+  return dova::msgs::isWellFormedFrame(MessageT().getType(), exact.data.get(), exact.size);
+}
+
+// Decodes `bytes` into `message`: what it consumed, and its encoding afterwards, at an odd
+// address after a guard byte, with guard bytes after it that must stay.
+template <typename MessageT>
+std::string decodeAndEncode(MessageT& message, const std::vector<uint8_t>& bytes) {
+  ExactBuffer exact(bytes);
+  const int consumed = message.deserialize(exact.data.get(), static_cast<int>(exact.size));
+  std::vector<uint8_t> out(1 + static_cast<size_t>(message.serializedLength()) + 8, 0xAB);
+  const int written = message.serialize(out.data() + 1, message.serializedLength());
+  return std::to_string(consumed) + " " + std::to_string(written) + " " +
+         toHex(out.data(), out.size());
+}
+
+template <typename MessageT>
+class MessageCodec : public ::testing::Test {
+ protected:
+  // The golden rows of this type: the encoding in hexadecimal, echo(), what the row checks.
+  static std::vector<std::vector<std::string>> rows(const std::string& table, size_t fields) {
+    std::vector<std::vector<std::string>> mine;
+    for (auto& row : tableRows(table, fields)) {
+      if (row[0] == MessageT().getType()) mine.emplace_back(row.begin() + 1, row.end());
+    }
+    EXPECT_FALSE(mine.empty());
+    return mine;
+  }
+
+  // The stale message: the type's first golden row.
+  static MessageT stale() {
+    MessageT message;
+    std::vector<uint8_t> bytes = fromHex(rows("msgs/golden.txt", 4)[0][0]);
+    message.deserialize(bytes.data(), static_cast<int>(bytes.size()));
+    return message;
+  }
+
+  // parse() of `json` into `target` through another message: what it printed, "-" for nothing.
+  static std::string parse(MessageT& target, const std::string& json) {
+    const MessageT receiver;
+    MessageT caller = receiver;
+    ::testing::internal::CaptureStdout();
+    caller.parse(&target, json);
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(caller.echo(), receiver.echo()) << "parse() changed the message it ran on";
+    return printed.empty() ? "-" : printed;
+  }
+};
+
+using Messages = ::testing::Types<dova::std_msgs::Header, dova::diagnostic_msgs::DiagnosticValue,
+                                  dova::dova_msgs::Log>;
+TYPED_TEST_SUITE(MessageCodec, Messages);
+
+TYPED_TEST(MessageCodec, GoldenEncodingsEchoesAndFrames) {
+  for (const auto& row : this->rows("msgs/golden.txt", 4)) {
+    SCOPED_TRACE(row[2]);
+    const std::vector<uint8_t> bytes = fromHex(row[0]);
+    const std::string size = std::to_string(bytes.size());
+    TypeParam message = this->stale();
+    EXPECT_EQ(decodeAndEncode(message, bytes),
+              size + " " + size + " ab" + row[0] + "abababababababab");
+    EXPECT_EQ(message.echo(), row[1]);
+    TypeParam parsed = this->stale();
+    EXPECT_EQ(this->parse(parsed, row[1]), "-");
+    EXPECT_EQ(parsed.echo(), row[1]);
+
+    // A frame holds exactly one message: every cut and any byte more is refused.
+    EXPECT_TRUE(frameFits<TypeParam>(bytes));
+    for (ptrdiff_t cut = 0; cut < static_cast<ptrdiff_t>(bytes.size()); ++cut) {
+      EXPECT_FALSE(frameFits<TypeParam>({bytes.begin(), bytes.begin() + cut})) << cut;
+    }
+    std::vector<uint8_t> longer = bytes;
+    longer.push_back(0);
+    EXPECT_FALSE(frameFits<TypeParam>(longer));
+    // Whatever a corrupted length or count makes of it, an accepted frame decodes exactly.
+    for (size_t at = 0; at + 4 <= bytes.size(); ++at) {
+      for (const uint32_t value : {0xFFFFFFFFu, 0x7FFFFFFFu, 0x40000000u,
+                                   static_cast<uint32_t>(bytes.size() - at - 3), 1u}) {
+        std::vector<uint8_t> corrupted = bytes;
+        std::memcpy(corrupted.data() + at, &value, sizeof value);
+        if (!frameFits<TypeParam>(corrupted)) continue;
+        TypeParam decoded;
+        const std::string again = std::to_string(corrupted.size());
+        EXPECT_EQ(decodeAndEncode(decoded, corrupted),
+                  again + " " + again + " ab" + toHex(corrupted.data(), corrupted.size()) +
+                      "abababababababab");
+      }
+    }
+  }
+  const std::vector<uint8_t> no_prefix(dova::msgs::kFramePrefixSize - 1, 0);
+  EXPECT_FALSE(
+      dova::msgs::isWellFormedFrame(TypeParam().getType(), no_prefix.data(), no_prefix.size()));
+}
+
+TYPED_TEST(MessageCodec, ParseTable) {
+  for (const auto& row : this->rows("msgs/parse.txt", 5)) {
+    TypeParam target = this->stale();
+    EXPECT_EQ(this->parse(target, row[0]), row[2]) << row[3];
+    EXPECT_EQ(target.echo(), row[1]) << row[3];
+  }
+}
+
+TYPED_TEST(MessageCodec, AgreedConstants) {
+  const auto rows = this->rows("msgs/constants.txt", 4);
+  ASSERT_EQ(rows.size(), 1u);
+  const TypeParam message;
+  EXPECT_EQ(message.getMD5(), rows[0][0]);
+  EXPECT_EQ(message.getDefinition(), rows[0][1]);
+  if constexpr (std::is_same_v<TypeParam, dova::std_msgs::Header>) {
+    EXPECT_EQ(message.getHeader(), nullptr);
+  } else {
+    EXPECT_EQ(message.getHeader(), &message.header);
+  }
+}
+
+TEST(MessageCodec, QuotingAsTheJsonWriter) {
+  for (const auto& row : tableRows("json/quoting.txt", 3)) {
+    EXPECT_EQ(dova::Msg::matchString2(row[0]), row[1]) << row[2];
+  }
+  const std::vector<uint8_t> value(dova::msgs::kFramePrefixSize + 32, 0);
+  EXPECT_TRUE(
+      dova::msgs::isWellFormedFrame("diagnostic_msgs/DiagnosticValue", value.data(), value.size()));
+  EXPECT_FALSE(dova::msgs::isWellFormedFrame("diagnostic_msgs/DiagnosticStatus", value.data(),
+                                             value.size()));
+}
+
+}  // namespace
