@@ -1,0 +1,113 @@
+// README.md followed literally, as a new user would: its programs are saved under the
+// names their first lines give, then its shell blocks run in order in one bash session
+// whose home is a scratch directory, against this build installed there.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "child_process.h"
+#include "dds_domain.h"
+#include "private_opt.h"
+#include "read_file.h"
+#include "scoped_env.h"
+#include "scratch_directory.h"
+
+namespace {
+
+using korcommon::testing::ScopedEnv;
+
+// One fenced block of the page.
+struct Block {
+  std::string language;  // the fence's info string: sh, cpp, cmake
+  std::string text;
+  bool runs = true;  // false after a "<!-- readme-test: not run ... -->" line
+};
+
+std::vector<Block> fencedBlocks(const std::string& markdown) {
+  std::vector<Block> blocks;
+  std::istringstream lines(markdown);
+  bool runs = true;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("<!-- readme-test: not run", 0) == 0) runs = false;
+    if (line.rfind("```", 0) != 0) continue;
+    Block block{line.substr(3), "", runs};
+    while (std::getline(lines, line) && line != "```") block.text += line + '\n';
+    blocks.push_back(block);
+    runs = true;
+  }
+  return blocks;
+}
+
+// The file a program block is saved as: its first line is "// NAME: ..." or "# NAME".
+std::string fileName(const Block& block) {
+  static const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
+  std::smatch match;
+  const std::string line = block.text.substr(0, block.text.find('\n'));
+  return std::regex_match(line, match, first_line) ? match[2].str() : std::string();
+}
+
+// Runs before the page's commands. "make install PREFIX=P" stands for what it does once the
+// tree is built; with sanitizers, what the page compiles needs their runtime too.
+constexpr char kPreamble[] = R"(set -euxo pipefail
+build_dir=$0 sanitizers=$1
+cd "$HOME"
+make() {
+  [[ $# == 2 && $1 == install && $2 == PREFIX=* ]] || { echo "unexpected: make $*" >&2; return 1; }
+  cmake --install "$build_dir" --prefix "${2#PREFIX=}" > /dev/null
+}
+if [[ -n $sanitizers ]]; then
+  c++() { command c++ "-fsanitize=$sanitizers" "$@"; }
+  export CXXFLAGS="-fsanitize=$sanitizers"
+fi
+)";
+
+TEST(Readme, EveryStepWorksAsWritten) {
+  KORCOMMON_REQUIRE_PRIVATE_OPT();  // the page reads the serial number in /opt
+  korcommon::testing::claimDdsDomain();
+  const korcommon::testing::ScratchDirectory home("korcommon_readme");
+  const ScopedEnv home_variable("HOME", home.path().string());
+  const ScopedEnv loopback_only("CYCLONEDDS_URI", std::nullopt);
+
+  std::string script = kPreamble;
+  for (const Block& block : fencedBlocks(korcommon::testing::readFile(KORCOMMON_README))) {
+    if (block.language == "sh") {
+      if (block.runs) script += block.text;
+      continue;
+    }
+    const std::string name = fileName(block);
+    ASSERT_FALSE(name.empty()) << "a " << block.language << " block names no file:\n" << block.text;
+    std::ofstream(home.path() / name) << block.text;
+  }
+  const korcommon::testing::ToolResult run = korcommon::testing::runTool(
+      "/bin/bash", {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS}, "",
+      std::chrono::minutes(4));
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+
+  // What the page says these steps print, each pattern with the number of times.
+  const std::pair<const char*, int> printed[] = {
+      {"korcommon " KORCOMMON_VERSION "\n", 1},
+      {"\nvalid\n", 2},                                    // sig inspect
+      {"\nserial number: \\(none\\)\n", 1},                // imptdata show
+      {"WARN +battery/charge \\[201\\] 19 % left", 1},     // diag echo --once
+      {"\\{\"name\":\"battery/charge\",\"level\":1,", 1},  // diag echo --once --json
+      {"pose at 1[0-9]{12} ms\n", 2},                      // envelope, CMake and pkg-config
+      {"battery/charge level [0-2] code 201: [0-9]+ % left\n", 3},        // follower
+      {"battery/charge \\[201\\] [0-9]+ % left  \\(from battery\\)", 1},  // diag echo
+  };
+  for (const auto& [pattern, times] : printed) {
+    const std::regex expression(pattern);
+    EXPECT_EQ(std::distance(std::sregex_iterator(run.out.begin(), run.out.end(), expression),
+                            std::sregex_iterator()),
+              times)
+        << pattern << "\n"
+        << run.out;
+  }
+}
+
+}  // namespace
