@@ -127,12 +127,12 @@ void protobufParseLoop(benchmark::State& state, const ProtoT& proto) {
 }
 
 // The transport's check of an incoming frame before it is decoded.
-void frameCheckLoop(benchmark::State& state, const std::string& msg_type,
-                    const std::vector<uint8_t>& message) {
+template <typename MessageT>
+void frameCheckLoop(benchmark::State& state, const std::vector<uint8_t>& message) {
   std::vector<uint8_t> frame(dova::msgs::kFramePrefixSize, 0);
   frame.insert(frame.end(), message.begin(), message.end());
   for (auto _ : state) {
-    benchmark::DoNotOptimize(dova::msgs::isWellFormedFrame(msg_type, frame.data(), frame.size()));
+    benchmark::DoNotOptimize(dova::msgs::isWellFormedFrame<MessageT>(frame.data(), frame.size()));
   }
 }
 
@@ -162,10 +162,10 @@ void BM_ProtobufLogParse(benchmark::State& state) {
   protobufParseLoop(state, toProtobuf(typicalRecord()));
 }
 void BM_FrameCheckDiagnosticValue(benchmark::State& state) {
-  frameCheckLoop(state, "diagnostic_msgs/DiagnosticValue", encoded(typicalReport()));
+  frameCheckLoop<DiagnosticValue>(state, encoded(typicalReport()));
 }
 void BM_FrameCheckLog(benchmark::State& state) {
-  frameCheckLoop(state, "dova_msgs/Log", encoded(typicalRecord()));
+  frameCheckLoop<Log>(state, encoded(typicalRecord()));
 }
 
 BENCHMARK(BM_DiagnosticValueSerialize);

@@ -59,7 +59,7 @@ void invoke(Subscription& subscription, const Delivery& delivery) {
     }
     if (!delivery.frame) return;
     const std::vector<uint8_t>& frame = *delivery.frame;
-    if (!msgs::isWellFormedFrame(subscription.type, frame.data(), frame.size())) {
+    if (subscriber.frame_check == nullptr || !subscriber.frame_check(frame.data(), frame.size())) {
       mtrace(WARN, __FILE__, __LINE__, "deliver", false,
              "topic %s: dropped a frame of %zu bytes from \"%s\" that is not one well-formed %s",
              subscription.topic.c_str(), frame.size(), delivery.origin->publisher.c_str(),

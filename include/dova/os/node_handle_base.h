@@ -2,6 +2,7 @@
 #define DOVA_OS_NODE_HANDLE_BASE_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -83,6 +84,11 @@ class SubscriberBase {
   bool latch = false;
   bool reliable = false;
   int queue_size = 0;
+  // Whether a received frame holds exactly one encoded message of the
+  // subscriber's type, so that callback() may decode it. Set by Subscriber<T>;
+  // the platform drops every frame for a subscriber without one, since it
+  // cannot vouch for a layout it does not know.
+  bool (*frame_check)(const uint8_t* frame, size_t size) = nullptr;
 
  private:
   mutable std::mutex topic_mutex_;
@@ -100,6 +106,7 @@ class Subscriber : public SubscriberBase {
     msg_type = msg.getType();
     msg_md5 = msg.getMD5();
     msg_def = msg.getDefinition();
+    frame_check = &msgs::isWellFormedFrame<T>;
   }
 
   // Decodes what follows the frame's transport prefix; the frame length is
