@@ -200,7 +200,8 @@ void runComponent(const Component& component, const std::atomic<bool>& running) 
 }
 
 void subscribeMonitor(Monitor& monitor) {
-  korcommon::mtrace(2, __FILE__, __LINE__, "main", "monitor subscribing to /diagnostics_value");
+  korcommon::mtrace(Log::INFO, __FILE__, __LINE__, "main",
+                    "monitor subscribing to /diagnostics_value");
   korcommon::Diagnostics::subscribe(
       [&monitor](const std::shared_ptr<const DiagnosticValue>& report) {
         monitor.onReport(report);
@@ -219,7 +220,7 @@ constexpr auto kMonitorEnds =
 int runSingleProcess() {
   if (!dova::init("robot", dova::Options{"local", -1, true, -1})) return 1;
   const std::vector<Component> components = robotComponents();
-  korcommon::mtrace(2, __FILE__, __LINE__, "main", "robot coming up: %zu components",
+  korcommon::mtrace(Log::INFO, __FILE__, __LINE__, "main", "robot coming up: %zu components",
                     components.size());
   std::atomic<bool> running{true};
   std::vector<std::thread> threads;
@@ -232,7 +233,7 @@ int runSingleProcess() {
   sleepUntil(run_start + kRunTime);
   running = false;
   for (std::thread& thread : threads) thread.join();
-  korcommon::mtrace(2, __FILE__, __LINE__, "main", "robot shutting down");
+  korcommon::mtrace(Log::INFO, __FILE__, __LINE__, "main", "robot shutting down");
   dova::shutdown();
   return 0;
 }
