@@ -1,5 +1,6 @@
 // The live commands of the korcommon tool (diag, log, doctor), with real processes on DDS
-// over loopback in a domain of this test process's own.
+// over loopback in a domain of this test process's own; the command lines and answers of
+// tests/data/cli/diag.json.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "cli_rows.h"
 #include "dds_domain.h"
 #include "dova/json/reader.h"
 #include "dova/msgs/dova_msgs/Log.h"
@@ -26,8 +28,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using korcommon::testing::ChildProcess;
-using korcommon::testing::CliRow;
 using korcommon::testing::expectRows;
+using korcommon::testing::rowsOf;
 using korcommon::testing::runTool;
 using korcommon::testing::ToolResult;
 
@@ -89,39 +91,9 @@ class CliDiag : public ::testing::Test {
 };
 
 TEST_F(CliDiag, PublishArgumentsAndUsage) {
-  const auto published = [](const std::string& level, const std::string& shown) {
-    return CliRow{{"diag", "pub", "hip", level, "-3", "m", "--linger", "0", "--verbose"},
-                  0,
-                  "published #1: hip " + shown + " [-3] m\n"};
-  };
-  const auto refused = [](const std::string& level) {
-    return CliRow{{"diag", "pub", "hip", level, "0", "m"},
-                  2,
-                  "",
-                  "korcommon: diag pub: LEVEL: must be ok, warn, error, 0, 1 or 2, not \"" + level +
-                      "\" (see korcommon diag pub --help)\n"};
-  };
-  // clang-format off
-  expectRows(KORCOMMON_CLI, {
-    published("ok", "OK"), published("warn", "WARN"), published("error", "ERROR"),
-    published("0", "OK"), published("1", "WARN"), published("2", "ERROR"),
-    published("ERROR", "ERROR"),
-    refused("3"), refused("-1"), refused("bad"), refused(""), refused("warning"), refused("1.0"),
-    {{"diag", "echo", "--level", "3"}, 2, "",
-     "korcommon: diag echo: --level: must be ok, warn, error, 0, 1 or 2, not \"3\" "
-     "(see korcommon diag echo --help)\n"},
-    {{"log", "echo", "--level", "loud"}, 2, "",
-     "korcommon: log echo: --level: must be debug, info, warn, error or fatal, not \"loud\" "
-     "(see korcommon log echo --help)\n"},
-  });
-  // The platform's reason for a failed start is said once, and not also traced to the screen.
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "usage"));
   setenv("DOVA_TRANSPORT", "carrier-pigeon", 1);
-  expectRows(KORCOMMON_CLI, {
-    {{"diag", "echo", "--timeout", "1"}, 2, "",
-     "korcommon: cannot join the middleware: unknown transport \"carrier-pigeon\" "
-     "(known: local, dds)\n"},
-  });
-  // clang-format on
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "no middleware"));
 }
 
 TEST_F(CliDiag, ReportReachesEchoesInAnotherProcessMemberByMember) {
@@ -241,17 +213,7 @@ TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
   const std::string line = linesOf(tracer.output()).front().substr(15);
   const std::string pid = std::to_string(tracer.pid());
   // Joining later still shows the node's latest record, as the trace logger's screen line.
-  const std::string screen_line = R"(~\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} E/cli_tracer\()" + pid +
-                                  R"(/\d+\): dds_probe\.cpp\()" + line +
-                                  R"(\) clk\(\d+\.\d+\) disk /data is 97% full\n)";
-  // clang-format off
-  expectRows(KORCOMMON_CLI, {
-    {{"log", "echo", "--node", "cli_tracer", "--count", "1"}, 0, screen_line},
-    // Filtered out by level (FATAL only) and by node.
-    {{"log", "echo", "--timeout", "2", "--level", "fatal"}, 1, ""},
-    {{"log", "echo", "--timeout", "2", "--node", "another_node"}, 1, ""},
-  });
-  // clang-format on
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "log echo", {{"PID", pid}, {"LINE", line}}));
   const ToolResult json =
       runTool(KORCOMMON_CLI, {"log", "echo", "--json", "--level", "error", "--count", "1"});
   EXPECT_EQ(json.status, 0) << json.err;
@@ -271,66 +233,21 @@ TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
 TEST_F(CliDiag, DoctorFailsWithoutASerialNumberAndIsReadyWithOne) {
   KORCOMMON_REQUIRE_PRIVATE_OPT();
   fs::remove_all("/opt/quor");
-  const std::string transport = "OK    transport: dds, domain " + domain_ +
-                                ", mode 1, loopback only (CYCLONEDDS_URI unset)\n";
-  const std::string no_nodes =
-      " s\n      hint: start the robot's processes, or give them and "
-      "this tool the same transport, DOVA_DOMAIN_ID (now " +
-      domain_ + ") and CYCLONEDDS_URI\n";
-  const std::string sizes = ", 256-byte messages (default), screen lines off\n";
-  const std::string cpu = "OK    worker cpu: worker threads not pinned (DOVA_SCHED_CPU unset)\n";
-  // clang-format off
-  expectRows(KORCOMMON_CLI, {
-    {{"doctor", "--wait", "0.5"}, 1,
-     transport +
-     "WARN  nodes: no other node seen in 0.5" + no_nodes +
-     "FAIL  important data: /opt/quor/imptdata: No such file or directory\n"
-     "      hint: storing the serial number creates it: korcommon imptdata set sn <SN>\n"
-     "FAIL  serial number: none stored\n"
-     "      hint: signals carry it as their accid: korcommon imptdata set sn <SN>\n"
-     "OK    trace: level 2 (INFO and up, default)" + sizes + cpu +
-     "not ready (2 failures, 1 warning)\n"},
-  });
-  // clang-format on
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "doctor bare", {{"DOMAIN", domain_}}));
   EXPECT_FALSE(fs::exists("/opt/quor")) << "a check must not create the store";
 
   ASSERT_TRUE(korcommon::ImptData::setSN("RB-0042"));
   auto peer =
       publisher({"doctor/peer", "ok", "0", "here", "--linger", "60", "--node", "doctor_peer"});
-  // clang-format off
-  expectRows(KORCOMMON_CLI, {
-    {{"doctor", "--wait", "3"}, 0,
-     transport +
-     "OK    nodes: 1 other node seen: doctor_peer\n"
-     "OK    important data: /opt/quor/imptdata readable and writable\n"
-     "OK    serial number: RB-0042\n"
-     "OK    trace: level 2 (INFO and up, default)" + sizes + cpu +
-     "ready\n"},
-  });
-  // clang-format on
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "doctor ready", {{"DOMAIN", domain_}}));
   // The write probe leaves nothing behind and touches no stored value.
   EXPECT_EQ(std::distance(fs::directory_iterator("/opt/quor/imptdata"), {}), 1);
   EXPECT_EQ(korcommon::ImptData::getSN(), "RB-0042");
 
-  // Trace logging switched off is a warning, not a failure; a store that cannot be written
-  // is not ready, though the serial number still reads.
   peer.reset();
   setenv("DOVA_LOG_LEVEL", "0", 1);
   ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  // clang-format off
-  expectRows(KORCOMMON_CLI, {
-    {{"doctor", "--wait", "0"}, 1,
-     transport +
-     "WARN  nodes: no other node seen in 0" + no_nodes +
-     "FAIL  important data: /opt/quor/imptdata cannot be written: Read-only file system\n"
-     "      hint: the robot stores its calibration there: check the mount and free space\n"
-     "OK    serial number: RB-0042\n"
-     "WARN  trace: DOVA_LOG_LEVEL=\"0\" switches it off" + sizes +
-     "      hint: DOVA_LOG_LEVEL takes 1 (debug and up) to 5 (fatal only); unset, 2\n" +
-     cpu +
-     "not ready (1 failure, 2 warnings)\n"},
-  });
-  // clang-format on
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "doctor read-only", {{"DOMAIN", domain_}}));
 }
 
 }  // namespace

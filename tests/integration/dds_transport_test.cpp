@@ -12,7 +12,7 @@
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/topics.h"
-#include "inbox.h"
+#include "threads.h"
 #include "trace_capture.h"
 
 namespace {

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <regex>
 #include <thread>
 
 #include "read_file.h"
@@ -75,46 +74,6 @@ int ChildProcess::wait(std::chrono::milliseconds timeout) {
 
 void ChildProcess::signal(int number) const {
   if (pid_ > 0 && !reaped_) kill(pid_, number);
-}
-
-ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
-                   const std::string& input, std::chrono::milliseconds timeout) {
-  ChildProcess tool(program, arguments, input);
-  ToolResult result{tool.wait(timeout), "", ""};
-  if (!tool.ended()) {
-    std::string command = program;
-    for (const std::string& argument : arguments) command += " " + argument;
-    ADD_FAILURE() << "timed out: " << command << " still ran after " << timeout.count()
-                  << " ms and was killed";
-  }
-  result.out = tool.output();
-  result.err = tool.errors();
-  return result;
-}
-
-namespace {
-
-void expectText(const std::string& actual, const std::string& expected, const char* stream) {
-  if (!expected.empty() && expected[0] == '~') {
-    EXPECT_TRUE(std::regex_match(actual, std::regex(expected.substr(1))))
-        << stream << ": " << actual << "does not match " << expected.substr(1);
-  } else {
-    EXPECT_EQ(actual, expected) << stream;
-  }
-}
-
-}  // namespace
-
-void expectRows(const std::string& program, const std::vector<CliRow>& rows) {
-  for (const CliRow& row : rows) {
-    std::string command = "korcommon";
-    for (const std::string& argument : row.args) command += " '" + argument + "'";
-    SCOPED_TRACE(command);
-    const ToolResult result = runTool(program, row.args, row.input);
-    EXPECT_EQ(result.status, row.status) << result.err;
-    expectText(result.out, row.out, "standard output");
-    expectText(result.err, row.err, "standard error");
-  }
 }
 
 }  // namespace korcommon::testing

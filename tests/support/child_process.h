@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "inbox.h"
 #include "scratch_directory.h"
+#include "threads.h"
 
 namespace korcommon::testing {
 
@@ -46,30 +46,6 @@ class ChildProcess {
   bool reaped_ = false;
   int wait_status_ = 0;
 };
-
-struct ToolResult {
-  int status = -1;  // the exit status, or -1 when the program did not exit by itself
-  std::string out;
-  std::string err;
-};
-
-// Runs a program to its end. One still running after `timeout` is killed, and the test
-// fails saying so.
-ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
-                   const std::string& input = "", std::chrono::milliseconds timeout = kDeadline);
-
-// One command line and what it must answer. `out` and `err` are exact texts, except that
-// one starting with '~' is a regular expression (ECMAScript) the whole text must match.
-struct CliRow {
-  std::vector<std::string> args;
-  int status;
-  std::string out;
-  std::string err = "";
-  std::string input = "";  // standard input
-};
-
-// Runs each row's command in turn and checks its answer; a failure names the command.
-void expectRows(const std::string& program, const std::vector<CliRow>& rows);
 
 }  // namespace korcommon::testing
 

@@ -1,10 +1,13 @@
-#ifndef KORCOMMON_TESTS_SUPPORT_INBOX_H_
-#define KORCOMMON_TESTS_SUPPORT_INBOX_H_
+#ifndef KORCOMMON_TESTS_SUPPORT_THREADS_H_
+#define KORCOMMON_TESTS_SUPPORT_THREADS_H_
+
+#include <sys/prctl.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -52,6 +55,13 @@ class Inbox {
   std::vector<T> items_;
 };
 
+// The name the operating system knows the calling thread by.
+inline std::string currentThreadName() {
+  char name[17] = {};
+  prctl(PR_GET_NAME, name, 0, 0, 0);
+  return name;
+}
+
 }  // namespace korcommon::testing
 
-#endif  // KORCOMMON_TESTS_SUPPORT_INBOX_H_
+#endif  // KORCOMMON_TESTS_SUPPORT_THREADS_H_

@@ -1,0 +1,47 @@
+#ifndef KORCOMMON_TESTS_SUPPORT_CLI_ROWS_H_
+#define KORCOMMON_TESTS_SUPPORT_CLI_ROWS_H_
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "threads.h"
+
+namespace korcommon::testing {
+
+struct ToolResult {
+  int status = -1;  // the exit status, or -1 when the program did not exit by itself
+  std::string out;
+  std::string err;
+};
+
+// Runs a program to its end. One still running after `timeout` is killed, and the test
+// fails saying so.
+ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
+                   const std::string& input = "", std::chrono::milliseconds timeout = kDeadline);
+
+// One command line and what it must answer. `out` and `err` are exact texts, except that
+// one starting with '~' is a regular expression (ECMAScript) the whole text must match.
+struct CliRow {
+  std::string why;  // what the row checks
+  std::vector<std::string> args;
+  int status = 0;
+  std::string out;
+  std::string err;
+  std::string input;  // standard input
+};
+
+// The rows of group `group` in tests/data/cli/`file`: a JSON object whose members are
+// groups, each an array of rows {"why", "args", "status", "out", "err", "input"} ("out",
+// "err" and "input" may be left out when empty). "${NAME}" in any text of a row stands for
+// variables[NAME].
+std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
+                           const std::map<std::string, std::string>& variables = {});
+
+// Runs each row's command in turn and checks its answer; a failure names the row.
+void expectRows(const std::string& program, const std::vector<CliRow>& rows);
+
+}  // namespace korcommon::testing
+
+#endif  // KORCOMMON_TESTS_SUPPORT_CLI_ROWS_H_
