@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "child_process.h"
+#include "cli_rows.h"
 #include "read_file.h"
 
 namespace {
