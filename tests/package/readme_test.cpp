@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
+#include "cli_rows.h"
 #include "dds_domain.h"
 #include "private_opt.h"
 #include "read_file.h"
