@@ -6,6 +6,7 @@
 #include "diag_report.h"
 #include "diag_subcommands.h"
 #include "korcommon/Diagnostics.h"
+#include "levels.h"
 #include "option_checks.h"
 #include "session.h"
 #include "terminal.h"
@@ -31,7 +32,7 @@ struct PubArguments {
 };
 
 void runPub(const PubArguments& arguments) {
-  const int level = parseDiagLevel(arguments.level).value_or(DiagnosticValue::OK);
+  const int level = parseLevel(LevelScale::kReport, arguments.level).value_or(DiagnosticValue::OK);
   const bool has_rate = arguments.rate_option->count() > 0;
   const bool has_count = arguments.count_option->count() > 0;
   // Once by default; --rate alone repeats until interrupted (count 0).
@@ -69,24 +70,26 @@ void addDiagPub(CLI::App& diag) {
   auto arguments = std::make_shared<PubArguments>();
   CLI::App* pub = diag.add_subcommand("pub", "Publish a diagnostic report, once or repeatedly");
   pub->add_option("NAME", arguments->name, "Name of the reporting component or check")->required();
-  pub->add_option("LEVEL", arguments->level, "ok, warn or error (or 0, 1, 2)")
+  pub->add_option("LEVEL", arguments->level, levelChoices(LevelScale::kReport))
       ->required()
-      ->check(diagLevelValidator());
-  pub->add_option("CODE", arguments->code, "Numeric code of the report")->required();
+      ->check(levelValidator(LevelScale::kReport));
+  pub->add_option("CODE", arguments->code, "Numeric code of the report")
+      ->required()
+      ->check(wholeNumber());
   pub->add_option("MESSAGE", arguments->message, "Human-readable text")->required();
   pub->add_option("--frame", arguments->frame, "Frame id of the report's header")->type_name("F");
   arguments->rate_option = pub->add_option("--rate", arguments->rate, "Publish HZ times a second")
                                ->type_name("HZ")
-                               ->check(CLI::PositiveNumber);
+                               ->check(greaterThanZero());
   arguments->count_option =
       pub->add_option("--count", arguments->count, "Publish N reports (at --rate, default 1 Hz)")
           ->type_name("N")
-          ->check(CLI::PositiveNumber);
+          ->check(countOfOneOrMore());
   pub->add_option("--linger", arguments->linger,
                   "Stay on the middleware S seconds after the last report")
       ->capture_default_str()
       ->type_name("S")
-      ->check(CLI::NonNegativeNumber);
+      ->check(zeroOrMore());
   pub->add_option("--node", arguments->node, "Node name (default korcommon_cli_<pid>)")
       ->type_name("NAME");
   pub->add_flag("--verbose,-v", arguments->verbose,

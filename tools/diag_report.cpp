@@ -1,22 +1,12 @@
 #include "diag_report.h"
 
-#include <cctype>
-
+#include "csv.h"
 #include "dova/msgs/msg.h"
 #include "terminal.h"
 
 namespace korcommon::cli {
 
 using dova::diagnostic_msgs::DiagnosticValue;
-
-std::optional<int> parseDiagLevel(const std::string& text) {
-  std::string lower;
-  for (const char c : text) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (lower == "ok" || lower == "0") return DiagnosticValue::OK;
-  if (lower == "warn" || lower == "1") return DiagnosticValue::WARN;
-  if (lower == "error" || lower == "2") return DiagnosticValue::ERROR;
-  return std::nullopt;
-}
 
 std::string diagLevelName(int level) {
   switch (level) {
@@ -54,6 +44,16 @@ std::string reportJson(const DiagnosticValue& report) {
          ",\"frame_id\":" + dova::Msg::matchString2(report.header.frame_id) +
          ",\"stamp\":" + secondsText(report.header.stamp) +
          ",\"caller_id\":" + dova::Msg::matchString2(report.caller_id) + "}";
+}
+
+std::string reportCsvHeader() {
+  return csvRow({"name", "level", "code", "message", "frame_id", "stamp", "caller_id"});
+}
+
+std::string reportCsv(const DiagnosticValue& report) {
+  return csvRow({report.name, std::to_string(report.level), std::to_string(report.code),
+                 report.message, report.header.frame_id, secondsText(report.header.stamp),
+                 report.caller_id});
 }
 
 }  // namespace korcommon::cli

@@ -1,16 +1,11 @@
 #ifndef KORCOMMON_TOOLS_DIAG_REPORT_H_
 #define KORCOMMON_TOOLS_DIAG_REPORT_H_
 
-#include <optional>
 #include <string>
 
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 
 namespace korcommon::cli {
-
-// A diagnostic level by name (ok, warn, error, in any case) or number (0, 1, 2); nullopt for
-// anything else.
-std::optional<int> parseDiagLevel(const std::string& text);
 
 // "OK", "WARN" or "ERROR"; any other level, carried unchanged by the message, as its number.
 std::string diagLevelName(int level);
@@ -27,6 +22,10 @@ std::string reportLine(const dova::diagnostic_msgs::DiagnosticValue& report, boo
 //   {"name":...,"level":1,"code":...,"message":...,"frame_id":...,"stamp":<seconds>,
 //    "caller_id":...}
 std::string reportJson(const dova::diagnostic_msgs::DiagnosticValue& report);
+
+// The CSV header row and a report's CSV row: the members of reportJson(), in its order.
+std::string reportCsvHeader();
+std::string reportCsv(const dova::diagnostic_msgs::DiagnosticValue& report);
 
 }  // namespace korcommon::cli
 

@@ -25,8 +25,9 @@
 #include "exit_status.h"
 #include "korcommon/ImptData.h"
 #include "korcommon/log.h"
+#include "node_census.h"
+#include "option_checks.h"
 #include "session.h"
-#include "subscription.h"
 #include "terminal.h"
 #include "trace_capture.h"
 
@@ -57,45 +58,6 @@ int32_t readAsLogger(const std::string& text) {
 }
 
 std::string quoted(const std::string& text) { return "\"" + oneLine(text) + "\""; }
-
-// Other nodes that speak on the topics every korcommon process uses. Both are latched, so
-// every live node's latest report and record arrive on joining.
-class NodeCensus {
- public:
-  NodeCensus(Session& session, double wait_seconds) : session_(session) {
-    diagnostics_ = subscribeLatched<Report>(
-        dova::msgs::kDiagnosticsTopic,
-        [this](const std::shared_ptr<const Report>& report) { seen(report->caller_id); });
-    records_ = subscribeLatched<Record>(
-        dova::msgs::kLogTopic,
-        [this](const std::shared_ptr<const Record>& record) { seen(record->caller_id); });
-    std::unique_lock<std::mutex> lock(session_.mutex());
-    session_.waitUntil(lock, Clock::now() + toDuration(wait_seconds), [] { return false; });
-    closed_ = true;
-  }
-
-  bool subscribed() const { return diagnostics_ != nullptr && records_ != nullptr; }
-
-  std::set<std::string> nodes() const {
-    std::lock_guard<std::mutex> lock(session_.mutex());
-    return nodes_;
-  }
-
- private:
-  using Report = dova::diagnostic_msgs::DiagnosticValue;
-  using Record = dova::dova_msgs::Log;
-
-  void seen(const std::string& node) {
-    std::lock_guard<std::mutex> lock(session_.mutex());
-    if (!closed_) nodes_.insert(node);
-  }
-
-  Session& session_;
-  std::unique_ptr<dova::Subscriber<Report>> diagnostics_;
-  std::unique_ptr<dova::Subscriber<Record>> records_;
-  bool closed_ = false;  // guarded by the session's mutex, as nodes_
-  std::set<std::string> nodes_;
-};
 
 // The transport line and the nodes line. The census is kept by the caller until the
 // session has shut down, since the middleware delivers to its subscribers until then.
@@ -136,7 +98,7 @@ void checkMiddleware(double wait_seconds, std::vector<Check>& checks,
   }
 
   census = std::make_unique<NodeCensus>(session, wait_seconds);
-  const std::set<std::string> nodes = census->nodes();
+  const std::set<std::string> nodes = census->names();
   if (!census->subscribed()) {
     nodes_check.detail = "not checked: cannot subscribe to /diagnostics_value and /dova_log";
     nodes_check.hint = "see the errors above";
@@ -368,7 +330,7 @@ void addDoctorCommand(CLI::App& app) {
   doctor->add_option("--wait", *wait_seconds, "Listen S seconds for other nodes")
       ->capture_default_str()
       ->type_name("S")
-      ->check(CLI::NonNegativeNumber);
+      ->check(zeroOrMore());
   doctor->add_flag("--no-color", *no_color, "No colour, even on a terminal");
   doctor->footer(
       "One line per check, then a hint line for each that is not OK:\n"

@@ -1,17 +1,20 @@
 #include "log_command.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "csv.h"
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/msgs/topics.h"
 #include "exit_status.h"
 #include "korcommon/screen_line.h"
+#include "korcommon/startup_batch.h"
+#include "levels.h"
+#include "option_checks.h"
+#include "output_form.h"
 #include "session.h"
 #include "subscription.h"
 #include "terminal.h"
@@ -23,17 +26,6 @@ using dova::dova_msgs::Log;
 using RecordPtr = std::shared_ptr<const Log>;
 
 using dova::msgs::kLogTopic;
-
-std::optional<int> parseLogLevel(const std::string& text) {
-  std::string lower;
-  for (const char c : text) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (lower == "debug") return Log::DEBUG;
-  if (lower == "info") return Log::INFO;
-  if (lower == "warn") return Log::WARN;
-  if (lower == "error") return Log::ERROR;
-  if (lower == "fatal") return Log::FATAL;
-  return std::nullopt;
-}
 
 // The node a record comes from: the name the logger recorded, else the sender's.
 const std::string& nodeOf(const Log& record) {
@@ -48,7 +40,8 @@ std::string recordLine(const Log& record, bool colour) {
   const std::string text = oneLine(record.msg);
   korcommon::detail::ScreenLine fields;
   fields.wall = record.header.stamp;
-  fields.level = record.level;
+  // Through unsigned char: a negative byte is no known level either way, so it shows as D.
+  fields.level = static_cast<unsigned char>(record.level);
   fields.node = node;
   fields.pid = static_cast<int64_t>(record.pid);
   fields.tid = static_cast<int32_t>(record.tid);
@@ -59,10 +52,25 @@ std::string recordLine(const Log& record, bool colour) {
   return korcommon::detail::screenLine(fields, colour);
 }
 
+// A record's CSV row, and the header row naming its columns.
+std::string recordCsvHeader() {
+  return csvRow(
+      {"stamp", "level", "name", "msg", "file", "function", "line", "topics", "pid", "tid"});
+}
+
+std::string recordCsv(const Log& record) {
+  std::string topics;
+  for (const std::string& topic : record.topics) topics += (topics.empty() ? "" : " ") + topic;
+  return csvRow({secondsText(record.header.stamp), std::to_string(record.level), record.name,
+                 record.msg, record.file, record.function, std::to_string(record.line), topics,
+                 std::to_string(record.pid), std::to_string(record.tid)});
+}
+
 struct EchoArguments {
   std::string level;
   std::string node;
-  bool json = false;
+  OutputForm form = OutputForm::kText;
+  bool once = false;
   int count = 0;
   double timeout = 0.0;
   bool no_color = false;
@@ -74,12 +82,19 @@ struct EchoArguments {
 class LogEcho {
  public:
   explicit LogEcho(const EchoArguments& arguments)
-      : json_(arguments.json),
+      : form_(arguments.form),
         count_(arguments.count),
-        colour_(!arguments.json && colourWanted(arguments.no_color)) {
-    if (arguments.level_option->count() > 0) min_level_ = parseLogLevel(arguments.level);
+        colour_(form_ == OutputForm::kText && colourWanted(arguments.no_color)) {
+    if (arguments.level_option->count() > 0) {
+      min_level_ = parseLevel(LevelScale::kRecord, arguments.level);
+    }
     if (arguments.node_option->count() > 0) node_ = arguments.node;
-    if (arguments.timeout_option->count() > 0) timeout_ = toDuration(arguments.timeout);
+    // --once listens as long as the replay of every live node's latest record takes.
+    if (arguments.once) listen_seconds_ = korcommon::detail::kCollectionSeconds;
+    if (arguments.timeout_option->count() > 0 &&
+        (!listen_seconds_ || arguments.timeout < *listen_seconds_)) {
+      listen_seconds_ = arguments.timeout;
+    }
   }
 
   ExitStatus run() {
@@ -92,11 +107,13 @@ class LogEcho {
         requireSubscription<Log>(kLogTopic, [this](const RecordPtr& record) { deliver(record); });
 
     std::unique_lock<std::mutex> lock(session.mutex());
-    const Clock::time_point end = timeout_ ? start + *timeout_ : Clock::time_point::max();
+    const Clock::time_point end =
+        listen_seconds_ ? start + toDuration(*listen_seconds_) : Clock::time_point::max();
     const WaitEnd waited = session.waitUntil(lock, end, [this] { return countReached(); });
     closed_ = true;  // late deliveries print nothing while the session shuts down
-    if (waited == WaitEnd::kInterrupted) return kSuccess;
-    return shown_ > 0 ? kSuccess : kNo;
+    if (waited == WaitEnd::kInterrupted || shown_ > 0) return kSuccess;
+    if (heard_ == 0) sayNothingHeard("records", *listen_seconds_);
+    return kNo;
   }
 
  private:
@@ -104,21 +121,33 @@ class LogEcho {
   void deliver(const RecordPtr& record) {
     std::lock_guard<std::mutex> lock(session_->mutex());
     if (closed_ || countReached()) return;
+    ++heard_;
     if (min_level_ && record->level < *min_level_) return;
     if (node_ && nodeOf(*record) != *node_) return;
-    writeLine(json_ ? record->echo() : recordLine(*record, colour_));
+    switch (form_) {
+      case OutputForm::kText:
+        writeLine(recordLine(*record, colour_));
+        break;
+      case OutputForm::kJson:
+        writeLine(record->echo());
+        break;
+      case OutputForm::kCsv:
+        if (shown_ == 0) writeLine(recordCsvHeader());
+        writeLine(recordCsv(*record));
+        break;
+    }
     ++shown_;
     session_->notify();
   }
 
   bool countReached() const { return count_ > 0 && shown_ >= count_; }
 
-  const bool json_;
+  const OutputForm form_;
   const int count_;
   const bool colour_;
   std::optional<int> min_level_;
   std::optional<std::string> node_;
-  std::optional<Clock::duration> timeout_;
+  std::optional<double> listen_seconds_;  // until Ctrl-C when empty
 
   // Outlives run()'s session, which shuts down first, so no delivery can reach it freed.
   std::unique_ptr<dova::Subscriber<Log>> subscriber_;
@@ -126,6 +155,7 @@ class LogEcho {
 
   // Guarded by the session's mutex.
   bool closed_ = false;
+  int heard_ = 0;  // records received, whether shown or not
   int shown_ = 0;
 };
 
@@ -133,26 +163,23 @@ void addEcho(CLI::App& log) {
   auto arguments = std::make_shared<EchoArguments>();
   CLI::App* echo = log.add_subcommand("echo", "Print the trace records of every process");
   arguments->level_option =
-      echo->add_option("--level", arguments->level, "Only records of L and above")
-          ->type_name("L")
-          ->check(CLI::Validator(
-              [](std::string& text) {
-                return parseLogLevel(text)
-                           ? std::string()
-                           : "must be debug, info, warn, error or fatal, not \"" + text + "\"";
-              },
-              ""));
+      echo->add_option("--level", arguments->level,
+                       "Only records of LEVEL and above: " + levelChoices(LevelScale::kRecord))
+          ->type_name("LEVEL")
+          ->check(levelValidator(LevelScale::kRecord));
   arguments->node_option =
       echo->add_option("--node", arguments->node, "Only records of the node named N")
           ->type_name("N");
-  echo->add_flag("--json", arguments->json, "Each record's JSON form, one per line");
+  addOutputForms(*echo, arguments->form, "Each record's JSON form, one per line");
+  echo->add_flag("--once", arguments->once,
+                 "Exit after the latest record of every live node (3 s)");
   echo->add_option("--count", arguments->count, "Exit after N records")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(countOfOneOrMore());
   arguments->timeout_option =
       echo->add_option("--timeout", arguments->timeout, "Exit after S seconds")
           ->type_name("S")
-          ->check(CLI::PositiveNumber);
+          ->check(greaterThanZero());
   echo->add_flag("--no-color", arguments->no_color, "No colour, even on a terminal");
   echo->footer(
       "Shows the records that korcommon::mtrace publishes on /dova_log: first the latest\n"
@@ -162,10 +189,20 @@ void addEcho(CLI::App& log) {
       "with L one of D, I, W, E, F. With --json, the record's own JSON form:\n"
       "  {\"header\":{...},\"level\":8,\"name\":...,\"msg\":...,\"file\":...,\"function\":...,\n"
       "   \"line\":...,\"topics\":[...],\"pid\":...,\"tid\":...}\n"
-      "Levels: debug 1, info 2, warn 4, error 8, fatal 16. Colour only on a terminal.\n"
+      "With --csv, a header row and the columns stamp, level, name, msg, file, function, line,\n"
+      "topics (separated by spaces), pid and tid.\n"
+      "Levels: debug 1, info 2, warn (or warning) 4, error 8, fatal 16, by name in any case or\n"
+      "by number. Colour only on a terminal. When nothing at all arrives, one line on standard\n"
+      "error says so.\n"
       "\n"
-      "Exit status: 0 a record was printed, or Ctrl-C ended the command; 1 --timeout ended\n"
-      "it before any (matching) record; 2 bad usage or the middleware cannot start.");
+      "Exit status: 0 a record was printed, or Ctrl-C ended the command; 1 --once or\n"
+      "--timeout ended it before any (matching) record; 2 bad usage or the middleware cannot\n"
+      "start.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon log echo --once\n"
+      "  korcommon log echo --level warning --node battery\n"
+      "  korcommon log echo --csv --timeout 60 > records.csv");
   echo->callback([arguments] {
     LogEcho echo_command(*arguments);
     const ExitStatus status = echo_command.run();

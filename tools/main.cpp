@@ -11,6 +11,7 @@
 #include "imptdata_command.h"
 #include "log_command.h"
 #include "man_page.h"
+#include "nodes_command.h"
 #include "sig_command.h"
 #include "usage_error.h"
 #include "web_command.h"
@@ -38,6 +39,7 @@ int run(int argc, char** argv) {
   korcommon::cli::addImptdataCommand(app);
   korcommon::cli::addDiagCommand(app);
   korcommon::cli::addLogCommand(app);
+  korcommon::cli::addNodesCommand(app);
   korcommon::cli::addDoctorCommand(app);
   korcommon::cli::addWebCommand(app);
   korcommon::cli::addHelpCommand(app);

@@ -4,12 +4,15 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <thread>
 
 #include "dova/init.h"
 #include "dova/trace.h"
 #include "exit_status.h"
+#include "terminal.h"
 #include "trace_capture.h"
 
 namespace korcommon::cli {
@@ -63,6 +66,19 @@ void watchInterrupts() {
 std::string cliTransport() {
   const char* transport = std::getenv("DOVA_TRANSPORT");
   return transport != nullptr && *transport != '\0' ? transport : "dds";
+}
+
+std::string cliWhere() {
+  if (cliTransport() == "local") return "on the local transport (this process only)";
+  const char* domain = std::getenv("DOVA_DOMAIN_ID");
+  return std::string("on domain ") + (domain != nullptr && *domain != '\0' ? domain : "0");
+}
+
+void sayNothingHeard(const std::string& what, double seconds) {
+  char waited[32];
+  std::snprintf(waited, sizeof waited, "%g", seconds);
+  std::cerr << "korcommon: no " << what << " in " << waited << " s " << oneLine(cliWhere())
+            << "; try `korcommon doctor`\n";
 }
 
 std::string cliNodeName(const std::string& requested) {

@@ -10,9 +10,13 @@ namespace korcommon::cli {
 
 using Clock = std::chrono::steady_clock;
 
-// `seconds` as a duration of the commands' clock.
+// `seconds` as a duration of the commands' clock: 0 for a negative number (or NaN), and at
+// most some 31 years, which no run reaches and a deadline from now cannot overflow.
 inline Clock::duration toDuration(double seconds) {
-  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  constexpr double kLongest = 1e9;
+  if (!(seconds > 0.0)) return Clock::duration::zero();
+  return std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(seconds < kLongest ? seconds : kLongest));
 }
 
 // What ended a wait.
@@ -21,6 +25,14 @@ enum class WaitEnd { kDone, kInterrupted, kDeadline };
 // The transport the live commands use: $DOVA_TRANSPORT when set, else "dds", because an
 // operator's tool exists to talk to the robot's other processes.
 std::string cliTransport();
+
+// Where the live commands listen, for messages: "on domain <DOVA_DOMAIN_ID or 0>", or "on
+// the local transport (this process only)".
+std::string cliWhere();
+
+// Tells on standard error why a command heard nothing, in one line:
+//   korcommon: no <what> in <seconds> s on domain 7; try `korcommon doctor`
+void sayNothingHeard(const std::string& what, double seconds);
 
 // The node name of a live command run: `requested`, or "korcommon_cli_<pid>" when empty.
 std::string cliNodeName(const std::string& requested);

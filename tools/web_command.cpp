@@ -11,6 +11,7 @@
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/msgs/topics.h"
 #include "exit_status.h"
+#include "option_checks.h"
 #include "session.h"
 #include "subscription.h"
 #include "terminal.h"
@@ -96,11 +97,11 @@ void addWebCommand(CLI::App& app) {
                   "Mark reporters silent for S seconds or more as stale")
       ->capture_default_str()
       ->type_name("S")
-      ->check(CLI::PositiveNumber);
+      ->check(greaterThanZero());
   arguments->duration_option =
       web->add_option("--duration", arguments->duration, "Exit after S seconds")
           ->type_name("S")
-          ->check(CLI::PositiveNumber);
+          ->check(greaterThanZero());
   web->add_option("--node", arguments->node, "Node name (default korcommon_cli_<pid>)")
       ->type_name("NAME");
   web->footer(

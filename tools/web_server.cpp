@@ -9,6 +9,7 @@
 
 #include "diag_report.h"
 #include "dova/msgs/dova_msgs/Log.h"
+#include "levels.h"
 #include "web_assets.h"
 #include "web_events.h"
 #include "web_inspect.h"
@@ -223,7 +224,7 @@ void DashboardServer::addRoutes() {
   server_->Get("/api/diagnostics", [this](const Request& request, Response& response) {
     ReportFilter filter;
     if (request.has_param("level")) {
-      filter.min_level = parseDiagLevel(request.get_param_value("level"));
+      filter.min_level = parseLevel(LevelScale::kReport, request.get_param_value("level"));
       if (!filter.min_level) return fail(response, 400, "level must be ok, warn or error");
     }
     if (request.has_param("name")) {

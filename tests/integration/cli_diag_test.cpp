@@ -96,6 +96,22 @@ TEST_F(CliDiag, PublishArgumentsAndUsage) {
   expectRows(KORCOMMON_CLI, rowsOf("diag.json", "no middleware"));
 }
 
+TEST_F(CliDiag, EchoArgumentsAndUsage) {
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "echo usage", {{"DOMAIN", domain_}}));
+}
+
+TEST_F(CliDiag, MonitorArgumentsAndUsage) {
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "monitor usage", {{"DOMAIN", domain_}}));
+}
+
+TEST_F(CliDiag, LogEchoArgumentsAndUsage) {
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "log echo usage", {{"DOMAIN", domain_}}));
+}
+
+TEST_F(CliDiag, NodesArgumentsAndUsage) {
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "nodes usage", {{"DOMAIN", domain_}}));
+}
+
 TEST_F(CliDiag, ReportReachesEchoesInAnotherProcessMemberByMember) {
   const std::string message = "say \"hi\"\n\ttab, backslash \\ and \xC3\xBC";
   const double before = dova::Time::now().toSec();
@@ -155,6 +171,10 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
   auto warn_ar = start({"diag", "echo", "--once", "--json", "--level", "warn", "--name", "ar"});
   auto no_match = start({"diag", "echo", "--once", "--name", "^h/"});
   auto no_logs = start({"log", "echo", "--timeout", "1"});
+  auto quiet_csv = start({"diag", "echo", "--once", "--csv", "--name", "quiet"});
+  auto bad_news =
+      start({"diag", "monitor", "--once", "--level", "warn", "--name", "^s/", "--stale", "2"});
+  auto nodes = start({"nodes", "--wait", "2"});
   const ToolResult monitor = runTool(
       KORCOMMON_CLI, {"diag", "monitor", "--duration", "3", "--refresh", "1", "--stale", "1"});
 
@@ -171,11 +191,34 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
   EXPECT_EQ(namesOf(errors->output()), std::vector<std::string>{"t/error"});
   EXPECT_EQ(warn_ar->wait(), 0);
   EXPECT_EQ(namesOf(warn_ar->output()), std::vector<std::string>{"s/warn"});
-  // Reports arrived, but none matched; no log record at all: the answer is no.
-  for (ChildProcess* nothing : {no_match.get(), no_logs.get()}) {
-    EXPECT_EQ(nothing->wait(), 1);
-    EXPECT_EQ(nothing->output() + nothing->errors(), "");
-  }
+  // Reports arrived, but none matched: the answer is no. No log record at all: and why.
+  EXPECT_EQ(no_match->wait(), 1);
+  EXPECT_EQ(no_match->output() + no_match->errors(), "");
+  EXPECT_EQ(no_logs->wait(), 1);
+  EXPECT_EQ(no_logs->output(), "");
+  EXPECT_EQ(no_logs->errors(),
+            "korcommon: no records in 1 s on domain " + domain_ + "; try `korcommon doctor`\n");
+  // CSV: the stamp with all nine decimals, no quotes where none are needed.
+  EXPECT_EQ(quiet_csv->wait(), 0);
+  EXPECT_TRUE(std::regex_match(
+      quiet_csv->output(), std::regex("name,level,code,message,frame_id,stamp,caller_id\n"
+                                      "s/quiet,0,12,published once,,\\d+\\.\\d{9},quiet_node\n")))
+      << quiet_csv->output();
+  // One table, silent reporters ranking above errors; the OK one and t/ left out.
+  EXPECT_EQ(bad_news->wait(), 0) << bad_news->errors();
+  const std::vector<std::string> filtered = linesOf(bad_news->output());
+  ASSERT_EQ(filtered.size(), 4u) << bad_news->output();
+  EXPECT_EQ(filtered[2].rfind("OK     s/quiet ", 0), 0u) << filtered[2];
+  EXPECT_EQ(filtered[3].rfind("WARN   s/warn ", 0), 0u) << filtered[3];
+  // Every node with its topics; the rate counts what was sent while listening.
+  EXPECT_EQ(nodes->wait(), 0) << nodes->errors();
+  EXPECT_TRUE(std::regex_search(nodes->output(),
+                                std::regex(R"(\nquiet_node +0\.0 +0\.0 +/diagnostics_value\n)")))
+      << nodes->output();
+  EXPECT_TRUE(std::regex_search(
+      nodes->output(),
+      std::regex(R"(\nwarn_node +([5-9]|1[0-4])\.\d +0\.0 +/diagnostics_value\n)")))
+      << nodes->output();
 
   // Off a terminal a table follows every refresh; the last shows the end state: silent
   // reporters first, then the worst level, then the name.
@@ -208,7 +251,7 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
 }
 
 TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
-  ChildProcess tracer(DDS_PROBE, {"trace", "cli_tracer", "disk /data is 97% full"});
+  ChildProcess tracer(DDS_PROBE, {"trace", "cli_tracer", "disk /data: 97% full, \"low\""});
   ASSERT_TRUE(tracer.waitForOutput("traced at line ")) << tracer.errors();
   const std::string line = linesOf(tracer.output()).front().substr(15);
   const std::string pid = std::to_string(tracer.pid());
@@ -221,7 +264,7 @@ TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
   record.parse(&record, json.out);
   EXPECT_EQ(record.level, dova::dova_msgs::Log::ERROR);
   EXPECT_EQ(record.name, "cli_tracer");
-  EXPECT_EQ(record.msg, "disk /data is 97% full");
+  EXPECT_EQ(record.msg, "disk /data: 97% full, \"low\"");
   EXPECT_EQ(record.file, "dds_probe.cpp");
   EXPECT_EQ(record.function, "main");
   EXPECT_EQ(std::to_string(record.line), line);
