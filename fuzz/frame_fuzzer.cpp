@@ -28,8 +28,7 @@
 #include "dova/msgs/number_cast.h"
 #include "dova/msgs/std_msgs/Header.h"
 #include "dova/os/node_handle_base.h"
-#include "fuzz_check.h"
-#include "json_escaping.h"
+#include "fuzz_support.h"
 
 namespace {
 

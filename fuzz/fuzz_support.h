@@ -1,13 +1,26 @@
-// Which texts come back unchanged when the JSON writer (or a message's echo) quotes them and the
-// JSON reader reads the quoted text again.
-#ifndef KORCOMMON_FUZZ_JSON_ESCAPING_H_
-#define KORCOMMON_FUZZ_JSON_ESCAPING_H_
+// What the fuzzers share: the property check, and which texts survive JSON quoting.
+//
+// A failed check prints what broke and aborts, which libFuzzer reports as a crash (saving the
+// input) and which fails the corpus replay test.
+#ifndef KORCOMMON_FUZZ_FUZZ_SUPPORT_H_
+#define KORCOMMON_FUZZ_FUZZ_SUPPORT_H_
 
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 namespace korcommon::fuzz {
 
+[[noreturn]] inline void failCheck(const char* file, int line, const char* condition,
+                                   const std::string& message) {
+  std::fprintf(stderr, "%s:%d: check failed: %s\n  %s\n", file, line, condition, message.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+// Whether `text` comes back unchanged when the JSON writer (or a message's echo) quotes it and
+// the JSON reader reads the quoted text again.
 // The writer turns every two- and three-byte UTF-8 sequence into a \u escape and deliberately
 // accepts overlong forms and surrogate code points; the reader decodes an escape to the
 // shortest UTF-8 form and pairs surrogates. So a text survives exactly when each sequence the
@@ -40,4 +53,9 @@ inline bool survivesJsonEscaping(const std::string& text) {
 
 }  // namespace korcommon::fuzz
 
-#endif  // KORCOMMON_FUZZ_JSON_ESCAPING_H_
+#define FUZZ_CHECK(condition, message)                                                       \
+  do {                                                                                       \
+    if (!(condition)) ::korcommon::fuzz::failCheck(__FILE__, __LINE__, #condition, message); \
+  } while (false)
+
+#endif  // KORCOMMON_FUZZ_FUZZ_SUPPORT_H_
