@@ -105,7 +105,14 @@ void addDiagPub(CLI::App& diag) {
       "Uses the dds transport unless DOVA_TRANSPORT says otherwise; DOVA_DOMAIN_ID selects\n"
       "the domain. Without CYCLONEDDS_URI only this machine is reached (loopback).\n"
       "\n"
-      "Exit status: 0 published; 2 bad usage or the middleware cannot start.");
+      "Levels: ok 0, warn (or warning) 1, error 2, by name in any case or by number.\n"
+      "\n"
+      "Exit status: 0 published; 2 bad usage or the middleware cannot start.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon diag pub battery/charge warn 201 \"20 % left, return to dock\"\n"
+      "  korcommon diag pub imu/orientation ok 0 calibrated --rate 4\n"
+      "  korcommon diag pub self/test error 7 \"probe failed\" --count 3 --rate 2 -v");
   pub->callback([arguments] { runPub(*arguments); });
 }
 

@@ -216,6 +216,13 @@ void addLogCommand(CLI::App& app) {
   CLI::App* log =
       app.add_subcommand("log", "Print the trace records that processes publish on /dova_log");
   log->require_subcommand(1);
+  log->footer(
+      "Trace levels: debug 1, info 2, warn (or warning) 4, error 8, fatal 16, by name in any\n"
+      "case or by number.\n"
+      "\n"
+      "Examples:\n"
+      "  korcommon log echo --level warning\n"
+      "  korcommon log echo --once --json");
   addEcho(*log);
 }
 
