@@ -5,7 +5,8 @@
 //   simulated_robot                   every component and the monitor in a
 //                                     process of its own, on the DDS
 //                                     transport (loopback only)
-//   simulated_robot --single-process  all of them in one process, on the
+//   simulated_robot --single-process [SECONDS]
+//                                     all of them in one process, on the
 //                                     in-process transport
 // The launcher's children are this program again, given a role:
 //   simulated_robot component INDEX START_MS | monitor START_MS
@@ -217,7 +218,7 @@ constexpr auto kMonitorJoins = std::chrono::milliseconds(600);
 constexpr auto kMonitorEnds =
     kRunTime + dova::msgs::kDiagnosticsCollectionWindow + std::chrono::milliseconds(500);
 
-int runSingleProcess() {
+int runSingleProcess(std::chrono::milliseconds run_time) {
   if (!dova::init("robot", dova::Options{"local", -1, true, -1})) return 1;
   const std::vector<Component> components = robotComponents();
   korcommon::mtrace(Log::INFO, __FILE__, __LINE__, "main", "robot coming up: %zu components",
@@ -230,7 +231,7 @@ int runSingleProcess() {
   sleepUntil(run_start + kMonitorJoins);
   Monitor monitor;
   subscribeMonitor(monitor);
-  sleepUntil(run_start + kRunTime);
+  sleepUntil(run_start + run_time);
   running = false;
   for (std::thread& thread : threads) thread.join();
   korcommon::mtrace(Log::INFO, __FILE__, __LINE__, "main", "robot shutting down");
@@ -338,7 +339,11 @@ int main(int argc, char** argv) {
   setenv("DOVA_LOG_SCREEN", "1", 0);  // show the components' traces as coloured lines
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return runLauncher();
-  if (args.size() == 1 && args[0] == "--single-process") return runSingleProcess();
+  if (args.size() <= 2 && args[0] == "--single-process") {
+    // SECONDS shortens the run, as the smoke test does.
+    return runSingleProcess(args.size() == 2 ? std::chrono::seconds(std::atol(args[1].c_str()))
+                                             : std::chrono::milliseconds(kRunTime));
+  }
   if (args.size() == 3 && args[0] == "component") {
     run_start = fromMilliseconds(args[2]);
     return runComponentProcess(static_cast<size_t>(std::atol(args[1].c_str())));
@@ -347,6 +352,6 @@ int main(int argc, char** argv) {
     run_start = fromMilliseconds(args[1]);
     return runMonitorProcess();
   }
-  std::fprintf(stderr, "usage: simulated_robot [--single-process]\n");
+  std::fprintf(stderr, "usage: simulated_robot [--single-process [SECONDS]]\n");
   return 2;
 }
