@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <memory>
 #include <regex>
 
 #include "child_process.h"
@@ -85,15 +86,23 @@ std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
   return rows;
 }
 
-void expectRows(const std::string& program, const std::vector<CliRow>& rows) {
+void expectRows(const std::string& program, const std::vector<CliRow>& rows, bool together) {
+  if (!together) {
+    for (const CliRow& row : rows) expectRows(program, {row}, true);
+    return;
+  }
+  std::vector<std::unique_ptr<ChildProcess>> tools;
   for (const CliRow& row : rows) {
+    tools.push_back(std::make_unique<ChildProcess>(program, row.args, row.input));
+  }
+  for (size_t i = 0; i < rows.size(); ++i) {
     std::string command = "korcommon";
-    for (const std::string& argument : row.args) command += " '" + argument + "'";
-    SCOPED_TRACE(row.why + ": " + command);
-    const ToolResult result = runTool(program, row.args, row.input);
-    EXPECT_EQ(result.status, row.status) << result.err;
-    expectText(result.out, row.out, "standard output");
-    expectText(result.err, row.err, "standard error");
+    for (const std::string& argument : rows[i].args) command += " '" + argument + "'";
+    SCOPED_TRACE(rows[i].why + ": " + command);
+    EXPECT_EQ(tools[i]->wait(), rows[i].status)
+        << (tools[i]->ended() ? "" : "still running; ") << tools[i]->errors();
+    expectText(tools[i]->output(), rows[i].out, "standard output");
+    expectText(tools[i]->errors(), rows[i].err, "standard error");
   }
 }
 

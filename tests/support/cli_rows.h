@@ -39,8 +39,9 @@ struct CliRow {
 std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
                            const std::map<std::string, std::string>& variables = {});
 
-// Runs each row's command in turn and checks its answer; a failure names the row.
-void expectRows(const std::string& program, const std::vector<CliRow>& rows);
+// Runs each row's command, in turn or, `together`, all at once, and checks its answer; a
+// failure names the row.
+void expectRows(const std::string& program, const std::vector<CliRow>& rows, bool together = false);
 
 }  // namespace korcommon::testing
 
