@@ -3,11 +3,13 @@
 #include <dds/dds.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dova/guid.h"
@@ -37,32 +39,47 @@ std::string ddsTopicName(const std::string& topic) {
   return topic.rfind('/', 0) == 0 ? "dova" + topic : "dova/" + topic;
 }
 
+// A reader and the function its frames go to.
 struct Reader {
+  dds_entity_t entity = 0;
   RemoteFrameHandler handler;
 };
 
-void onDataAvailable(dds_entity_t reader, void* argument) {
-  const Reader& context = *static_cast<const Reader*>(argument);
+// Hands every frame waiting in `reader` to its handler.
+void deliverWaiting(const Reader& reader) {
   void* samples[kTakeBatch] = {};
   dds_sample_info_t infos[kTakeBatch];
   for (;;) {
     samples[0] = nullptr;  // borrow the samples from Cyclone
-    const dds_return_t taken = dds_take(reader, samples, infos, kTakeBatch, kTakeBatch);
+    const dds_return_t taken = dds_take(reader.entity, samples, infos, kTakeBatch, kTakeBatch);
     if (taken <= 0) return;
     for (int i = 0; i < taken; ++i) {
       if (!infos[i].valid_data) continue;
       const auto* frame = static_cast<const dova_wire_Frame*>(samples[i]);
-      context.handler(frame->md5 == nullptr ? std::string() : std::string(frame->md5),
-                      frame->data._buffer, frame->data._length);
+      reader.handler(frame->md5 == nullptr ? std::string() : std::string(frame->md5),
+                     frame->data._buffer, frame->data._length);
     }
-    dds_return_loan(reader, samples, taken);
+    dds_return_loan(reader.entity, samples, taken);
   }
 }
 
+// Frames arrive on a thread of the transport's own, not in a Cyclone listener:
+// a listener runs on Cyclone's receive thread, which also takes in the
+// acknowledgements for this process's writers. A handler that publishes from
+// there blocks, once the writer holds too many unacknowledged frames, on
+// acknowledgements that the blocked thread itself would have to read, until
+// the write times out and the frame is lost.
 class DdsTransport : public Transport {
  public:
   DdsTransport(dds_entity_t domain, dds_entity_t participant, std::string publisher)
-      : domain_(domain), participant_(participant), publisher_(std::move(publisher)) {}
+      : domain_(domain),
+        participant_(participant),
+        publisher_(std::move(publisher)),
+        waitset_(dds_create_waitset(participant)),
+        wake_(dds_create_guardcondition(participant)) {
+    dds_waitset_attach(waitset_, wake_, 0);
+    delivery_ = std::thread([this] { deliver(); });
+  }
 
   ~DdsTransport() override { stop(); }
 
@@ -104,16 +121,16 @@ class DdsTransport : public Transport {
 
     auto context = std::make_unique<Reader>();
     context->handler = std::move(handler);
-    dds_listener_t* listener = dds_create_listener(context.get());
-    dds_lset_data_available(listener, onDataAvailable);
-    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, listener);
-    dds_delete_listener(listener);
+    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, nullptr);
     dds_delete_qos(qos);
     if (reader < 0) {
       mtrace(ERROR, __FILE__, __LINE__, "listen", false, "topic %s: cannot create a reader: %s",
              topic.c_str(), dds_strretcode(reader));
       return false;
     }
+    context->entity = reader;
+    dds_set_status_mask(reader, DDS_DATA_AVAILABLE_STATUS);
+    dds_waitset_attach(waitset_, reader, reinterpret_cast<dds_attach_t>(context.get()));
     readers_.push_back(std::move(context));
     return true;
   }
@@ -127,19 +144,34 @@ class DdsTransport : public Transport {
   }
 
   void stop() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopped_) return;
-    stopped_ = true;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopped_) return;
+      stopped_ = true;  // from here on writers_ no longer changes
+    }
     // Reliable delivery: let the matched readers acknowledge what was sent.
     for (const auto& writer : writers_) dds_wait_for_acks(writer.second, kAckWait);
-    // Deleting the participant deletes its readers and writers and waits for
-    // listener calls in progress, so no handler runs after this.
+    // The handler running now, if any, is the last one.
+    stopping_ = true;
+    dds_set_guardcondition(wake_, true);
+    delivery_.join();
+    // Deleting the participant deletes its readers, writers and the waitset.
     dds_delete(participant_);
     dds_delete(domain_);
-    writers_.clear();
   }
 
  private:
+  // The delivery thread: waits for frames on every reader until stop().
+  void deliver() {
+    dds_attach_t ready[kTakeBatch];
+    while (!stopping_) {
+      const dds_return_t count = dds_waitset_wait(waitset_, ready, kTakeBatch, DDS_INFINITY);
+      for (dds_return_t i = 0; i < count && !stopping_; ++i) {
+        if (ready[i] != 0) deliverWaiting(*reinterpret_cast<const Reader*>(ready[i]));
+      }
+    }
+  }
+
   // REQUIRES: mutex_ held.
   dds_entity_t topicFor(const std::string& topic) {
     const auto known = topics_.find(topic);
@@ -186,12 +218,16 @@ class DdsTransport : public Transport {
   const dds_entity_t domain_;
   const dds_entity_t participant_;
   const std::string publisher_;
+  const dds_entity_t waitset_;
+  const dds_entity_t wake_;  // triggered by stop()
+  std::atomic<bool> stopping_{false};
+  std::thread delivery_;
 
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
   std::map<std::string, dds_entity_t> topics_;
   std::map<std::string, dds_entity_t> writers_;
-  std::vector<std::unique_ptr<Reader>> readers_;  // contexts of the readers' listeners
+  std::vector<std::unique_ptr<Reader>> readers_;  // what the waitset points to
 };
 
 }  // namespace

@@ -7,6 +7,9 @@
 //   dds_probe raw NODE KIND...
 //     writes hand-made samples straight through Cyclone, one per KIND: good, truncated,
 //     overlong, short, md5 (a good frame under another checksum); prints "sent N".
+//   dds_probe echo NODE
+//     delivers in mode 0, on the transport's thread, and answers every report of another
+//     process from the callback with one named echo/<its name>, same code; prints "ready".
 //   dds_probe trace NODE MESSAGE
 //     logs MESSAGE at ERROR through korcommon::mtrace, prints "traced at line N" and
 //     stays until stopped, so its record stays available to processes that join later.
@@ -125,7 +128,22 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-  if (args.size() < 3 || !dova::init(args[1], dova::Options{"dds", 1, true, -1})) return 2;
+  const int mode = args.size() == 2 && args[0] == "echo" ? 0 : 1;
+  if (args.size() < 2 || !dova::init(args[1], dova::Options{"dds", mode, true, -1})) return 2;
+  if (args[0] == "echo") {
+    dova::Subscriber<DiagnosticValue> echo;
+    echo.setTopic(dova::msgs::kDiagnosticsTopic);
+    echo.callback_kind = 0;
+    echo.callback_ref = [node = args[1]](const DiagnosticValue& value) {
+      if (value.caller_id != node) {
+        korcommon::Diagnostics::publish("echo/" + value.name, value.code, 0, value.message);
+      }
+    };
+    if (!dova::nh()->subscribe(echo, false, true, -1)) return 3;
+    std::printf("ready\n");
+    return stayUntilStopped(stop);
+  }
+  if (args.size() < 3) return 2;
   if (args.size() == 5 && args[0] == "publish") {
     const long count = std::atol(args[2].c_str());
     if (!waitUntil([&] {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -12,6 +13,7 @@
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/topics.h"
+#include "korcommon/Diagnostics.h"
 #include "threads.h"
 #include "trace_capture.h"
 
@@ -101,6 +103,28 @@ TEST_F(DdsTransport, ReportsArriveInOrderPerPublisherAndAKilledOneBreaksNothing)
     EXPECT_EQ(report.code, next_code[report.caller_id]++) << "from " << report.caller_id;
   }
   EXPECT_EQ(next_code.size(), 4u);
+}
+
+TEST_F(DdsTransport, AModeZeroCallbackThatPublishesLosesNothing) {
+  join(1, false);
+  auto echo = probe({"echo", "echo"});
+  ASSERT_TRUE(echo->waitForOutput("ready")) << echo->errors();
+  for (int attempt = 0; attempt < 300 && !inbox_->waitFor(1, 100ms); ++attempt) {
+    korcommon::Diagnostics::publish("hello", 0, 0, "");  // until the two have found each other
+  }
+  // A burst far beyond what a writer may hold unacknowledged, while the echo's
+  // acknowledgements arrive on the thread that runs its callback.
+  constexpr size_t kReports = 3000;
+  for (size_t code = 0; code < kReports; ++code) {
+    korcommon::Diagnostics::publish("burst", static_cast<int>(code), 0, std::string(200, 'x'));
+  }
+  const auto echoes = [](const std::vector<Received>& all) {
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [](const Received& report) {
+      return report.name == "echo/burst";
+    }));
+  };
+  EXPECT_TRUE(inbox_->waitUntil([&](const auto& all) { return echoes(all) == kReports; }))
+      << echoes(inbox_->items()) << " echoes; " << echo->errors();
 }
 
 TEST_F(DdsTransport, MalformedSamplesAndForeignChecksumsAreDroppedWithAWarning) {
