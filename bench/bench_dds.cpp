@@ -9,12 +9,15 @@
 // higher throughput ratios are better. The exit status is 1 when a report was
 // lost or reordered.
 //
-// Usage: bench_dds [--seconds N] [--domain D]
+// Usage: bench_dds [--seconds N]
 // The program starts its own partner processes (itself, with a role as first
-// argument, and ddsperf), all pinned to the loopback interface.
+// argument, and ddsperf), all pinned to the loopback interface, in a DDS domain
+// above the tests' that it claims for the run (two runs at once take turns).
+// Reports carry this run's id in their names; partners ignore any others.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,6 +39,7 @@
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/msgs/topics.h"
+#include "dova/options.h"
 #include "dova/os/node_handle_base.h"
 
 extern char** environ;
@@ -44,21 +49,10 @@ namespace {
 using dova::diagnostic_msgs::DiagnosticValue;
 using Clock = std::chrono::steady_clock;
 
-// The same loopback-only configuration the platform uses when CYCLONEDDS_URI is
-// unset, given to ddsperf so that both measure the same network path.
-constexpr char kLoopbackConfig[] =
-    "<CycloneDDS><Domain id=\"any\">"
-    "<General><Interfaces><NetworkInterface name=\"lo\"/></Interfaces>"
-    "<AllowMulticast>false</AllowMulticast></General>"
-    "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
-    "<MaxAutoParticipantIndex>60</MaxAutoParticipantIndex>"
-    "<Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
-    "</Domain></CycloneDDS>";
-
-// The report every measurement sends; its message is sized like a typical one.
-constexpr char kPingName[] = "bench/ping";
-constexpr char kPongName[] = "bench/pong";
-constexpr char kLastName[] = "bench/last";
+// Names of the reports, each followed by the run's id.
+constexpr char kPing[] = "bench/ping/";
+constexpr char kPong[] = "bench/pong/";
+constexpr char kLast[] = "bench/last/";
 constexpr char kMessage[] = "temperature 71.5 C above limit";
 
 struct Figures {
@@ -172,7 +166,7 @@ class ReportListener {
   dova::Subscriber<DiagnosticValue> subscriber_;
 };
 
-DiagnosticValue report(const char* name, int code) {
+DiagnosticValue report(const std::string& name, int code) {
   DiagnosticValue value;
   value.name = name;
   value.code = code;
@@ -200,10 +194,15 @@ bool awaitAudience() {
 }
 
 // Partner role "pong": answers every ping with a pong carrying the same code.
-int runPong(int mode, int domain) {
+int runPong(int mode, int domain, const std::string& run) {
   if (!initNode("bench_pong", mode, domain)) return 2;
-  ReportListener listener([](const DiagnosticValue& value) {
-    if (value.name == kPingName) dova::nh()->diag(report(kPongName, value.code));
+  const std::string ping = kPing + run;
+  const DiagnosticValue pong = report(kPong + run, 0);
+  ReportListener listener([&](const DiagnosticValue& value) {
+    if (value.name != ping) return;
+    DiagnosticValue answer = pong;
+    answer.code = value.code;
+    dova::nh()->diag(answer);
   });
   if (!listener.subscribe()) return 2;
   pause();  // until the measuring process ends it
@@ -212,18 +211,21 @@ int runPong(int mode, int domain) {
 
 // Partner role "sink": counts reports until the last one, which carries how many were sent,
 // and prints "received N reordered M" on standard output.
-int runSink(int domain) {
+int runSink(int domain, const std::string& run) {
   if (!initNode("bench_sink", 0, domain)) return 2;
+  const std::string ping = kPing + run;
+  const std::string last = kLast + run;
   std::mutex mutex;
   std::condition_variable done;
   long received = 0, reordered = 0, expected = -1, next_code = 0;
   ReportListener listener([&](const DiagnosticValue& value) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (value.name == kLastName) {
+    if (value.name == last) {
       expected = value.code;
       done.notify_all();
       return;
     }
+    if (value.name != ping) return;
     if (value.code != next_code) ++reordered;
     next_code = value.code + 1;
     ++received;
@@ -240,14 +242,17 @@ int runSink(int domain) {
 }
 
 // Our ping/pong: one report out, its pong back, halved.
-std::optional<Figures> ourLatency(const std::string& self, int mode, int domain, int seconds) {
-  Child pong({self, "pong", std::to_string(mode), std::to_string(domain)});
+std::optional<Figures> ourLatency(const std::string& self, int mode, int domain, int seconds,
+                                  const std::string& run) {
+  Child pong({self, "pong", std::to_string(mode), std::to_string(domain), run});
   if (!pong.started() || !initNode("bench_ping", mode, domain)) return std::nullopt;
   std::mutex mutex;
   std::condition_variable answered;
   int last_answer = -1;
+  const std::string pong_name = kPong + run;
+  DiagnosticValue ping = report(kPing + run, 0);
   ReportListener listener([&](const DiagnosticValue& value) {
-    if (value.name != kPongName) return;
+    if (value.name != pong_name) return;
     std::lock_guard<std::mutex> lock(mutex);
     last_answer = value.code;
     answered.notify_all();
@@ -257,8 +262,9 @@ std::optional<Figures> ourLatency(const std::string& self, int mode, int domain,
     const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
     // Unanswered pings at the start are the partner still discovering us; they time out.
     for (int code = 0; Clock::now() < end; ++code) {
+      ping.code = code;
       const Clock::time_point sent = Clock::now();
-      dova::nh()->diag(report(kPingName, code));
+      dova::nh()->diag(ping);
       std::unique_lock<std::mutex> lock(mutex);
       if (answered.wait_for(lock, std::chrono::milliseconds(200),
                             [&] { return last_answer == code; })) {
@@ -276,9 +282,9 @@ std::optional<Figures> ourLatency(const std::string& self, int mode, int domain,
 }
 
 // Our pub/sub: reports back to back for `seconds` to a sink in another process.
-std::optional<double> ourThroughput(const std::string& self, int domain, int seconds, long* lost,
-                                    long* reordered) {
-  FILE* sink = popen((self + " sink " + std::to_string(domain)).c_str(), "r");
+std::optional<double> ourThroughput(const std::string& self, int domain, int seconds,
+                                    const std::string& run, long* lost, long* reordered) {
+  FILE* sink = popen((self + " sink " + std::to_string(domain) + " " + run).c_str(), "r");
   if (sink == nullptr) return std::nullopt;
   char line[128] = {};
   const bool ready = std::fgets(line, sizeof line, sink) != nullptr;
@@ -287,8 +293,12 @@ std::optional<double> ourThroughput(const std::string& self, int domain, int sec
     const Clock::time_point start = Clock::now();
     const Clock::time_point end = start + std::chrono::seconds(seconds);
     int sent = 0;
-    while (Clock::now() < end) dova::nh()->diag(report(kPingName, sent++));
-    dova::nh()->diag(report(kLastName, sent));
+    DiagnosticValue ping = report(kPing + run, 0);
+    for (; Clock::now() < end; ++sent) {
+      ping.code = sent;
+      dova::nh()->diag(ping);
+    }
+    dova::nh()->diag(report(kLast + run, sent));
     long received = 0;
     if (std::fgets(line, sizeof line, sink) != nullptr &&
         std::sscanf(line, "received %ld reordered %ld", &received, reordered) == 2) {
@@ -299,6 +309,26 @@ std::optional<double> ourThroughput(const std::string& self, int domain, int sec
   }
   pclose(sink);
   return rate;
+}
+
+// Claims one of the DDS domains above the tests' for the rest of this process, with an
+// exclusive flock on a lock file named after it (the kernel drops it when the process
+// ends, however it ends); waits while other runs hold both. -1 after two minutes.
+int claimBenchDomain() {
+  constexpr int kDomains[] = {231, 232};  // the tests claim 1 to 230; 232 is the last valid id
+  const Clock::time_point deadline = Clock::now() + std::chrono::minutes(2);
+  while (Clock::now() < deadline) {
+    for (const int domain : kDomains) {
+      const std::string lock = (std::filesystem::temp_directory_path() /
+                                ("korcommon_dds_domain_" + std::to_string(domain) + ".lock"))
+                                   .string();
+      const int descriptor = open(lock.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+      if (descriptor >= 0 && flock(descriptor, LOCK_EX | LOCK_NB) == 0) return domain;
+      if (descriptor >= 0) close(descriptor);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  return -1;
 }
 
 void printLatency(const char* label, const std::optional<Figures>& ours,
@@ -316,17 +346,22 @@ void printLatency(const char* label, const std::optional<Figures>& ours,
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc >= 4 && std::strcmp(argv[1], "pong") == 0)
-    return runPong(std::atoi(argv[2]), std::atoi(argv[3]));
-  if (argc >= 3 && std::strcmp(argv[1], "sink") == 0) return runSink(std::atoi(argv[2]));
+  if (argc >= 5 && std::strcmp(argv[1], "pong") == 0)
+    return runPong(std::atoi(argv[2]), std::atoi(argv[3]), argv[4]);
+  if (argc >= 4 && std::strcmp(argv[1], "sink") == 0) return runSink(std::atoi(argv[2]), argv[3]);
 
   int seconds = 5;
-  int domain = 231;  // above the ids the tests claim
   for (int i = 1; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--seconds") == 0) seconds = std::max(1, std::atoi(argv[i + 1]));
-    if (std::strcmp(argv[i], "--domain") == 0) domain = std::atoi(argv[i + 1]);
   }
-  if (std::getenv("CYCLONEDDS_URI") == nullptr) setenv("CYCLONEDDS_URI", kLoopbackConfig, 1);
+  const int domain = claimBenchDomain();
+  if (domain < 0) {
+    std::fprintf(stderr, "bench_dds: DDS domains 231 and 232 stayed taken by other runs\n");
+    return 2;
+  }
+  // ddsperf gets the configuration the platform uses by itself, so both measure one path.
+  setenv("CYCLONEDDS_URI", dova::ddsLoopbackConfiguration(), 1);
+  const std::string run = std::to_string(getpid());
   const std::string self = "/proc/self/exe";
   const std::string resolved = [&] {
     char path[4096] = {};
@@ -335,17 +370,20 @@ int main(int argc, char** argv) {
   }();
 
   // A frame: the 32-byte transport prefix, then the encoded report.
-  const auto frame_size = static_cast<size_t>(32 + report(kPingName, 0).serializedLength());
+  const auto frame_size = static_cast<size_t>(32 + report(kPing + run, 0).serializedLength());
   std::printf("bench_dds: %zu-byte frames, %d s per measurement, domain %d, loopback\n", frame_size,
               seconds, domain);
 
   const std::optional<Figures> peer_latency = ddsperfLatency(domain, seconds, frame_size);
-  printLatency("latency mode 0 (one way)", ourLatency(resolved, 0, domain, seconds), peer_latency);
-  printLatency("latency mode 1 (one way)", ourLatency(resolved, 1, domain, seconds), peer_latency);
+  printLatency("latency mode 0 (one way)", ourLatency(resolved, 0, domain, seconds, run),
+               peer_latency);
+  printLatency("latency mode 1 (one way)", ourLatency(resolved, 1, domain, seconds, run),
+               peer_latency);
 
   const std::optional<double> peer_rate = ddsperfThroughput(domain, seconds, frame_size);
   long lost = 0, reordered = 0;
-  const std::optional<double> rate = ourThroughput(resolved, domain, seconds, &lost, &reordered);
+  const std::optional<double> rate =
+      ourThroughput(resolved, domain, seconds, run, &lost, &reordered);
   if (rate && peer_rate) {
     std::printf(
         "throughput                 %9.0f reports/s (%.2fx ddsperf's %.0f), lost %ld, "

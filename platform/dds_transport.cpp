@@ -1,5 +1,3 @@
-#include "dds_transport.h"
-
 #include <dds/dds.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <vector>
 
 #include "dova/guid.h"
+#include "dova/options.h"
 #include "dova/trace.h"
 #include "frame.h"
 #include "transport.h"
@@ -232,8 +231,6 @@ class DdsTransport : public Transport {
 
 }  // namespace
 
-const char* loopbackConfiguration() { return kLoopbackConfiguration; }
-
 // The "dds" transport: Eclipse Cyclone DDS on the settings' domain. Without
 // CYCLONEDDS_URI in the environment Cyclone is pinned to the loopback
 // interface, so nothing leaves the machine; with it, Cyclone's own
@@ -265,3 +262,5 @@ std::unique_ptr<Transport> createDdsTransport(const TransportSettings& settings,
 }
 
 }  // namespace dova::platform
+
+const char* dova::ddsLoopbackConfiguration() { return platform::kLoopbackConfiguration; }

@@ -23,6 +23,13 @@ std::optional<Options> runningOptions();
 // "DOVA_TRANSPORT must be local or dds, DOVA_MODE 0, 1 or 2, DOVA_DOMAIN_ID 0 to 232".
 std::string acceptedOptions();
 
+// The Cyclone DDS configuration the "dds" transport uses when CYCLONEDDS_URI
+// is not set: the loopback interface only, with unicast discovery among the
+// processes of this machine. Given to other DDS programs (ddsperf, a
+// hand-made participant), it lets them meet this machine's nodes on the same
+// path.
+const char* ddsLoopbackConfiguration();
+
 }  // namespace dova
 
 #endif  // DOVA_OPTIONS_H_

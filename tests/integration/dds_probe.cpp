@@ -19,6 +19,7 @@
 #include <dova/msgs/diagnostic_msgs/DiagnosticValue.h>
 #include <dova/msgs/frame_check.h>
 #include <dova/msgs/topics.h>
+#include <dova/options.h>
 #include <korcommon/Diagnostics.h>
 #include <korcommon/log.h>
 #include <pthread.h>
@@ -33,7 +34,6 @@
 #include <thread>
 #include <vector>
 
-#include "dds_transport.h"
 #include "frame.h"
 
 namespace {
@@ -77,7 +77,7 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
   const char* domain_text = std::getenv("DOVA_DOMAIN_ID");
   const auto domain = static_cast<dds_domainid_t>(domain_text ? std::atoi(domain_text) : 0);
   // The same loopback-only configuration the platform uses.
-  if (dds_create_domain(domain, dova::platform::loopbackConfiguration()) < 0) return 2;
+  if (dds_create_domain(domain, dova::ddsLoopbackConfiguration()) < 0) return 2;
   const dds_entity_t participant = dds_create_participant(domain, nullptr, nullptr);
   const dds_entity_t topic = dds_create_topic(participant, &dova_wire_Frame_desc,
                                               "dova/diagnostics_value", nullptr, nullptr);
