@@ -6,7 +6,8 @@
 //
 // The subscriber is registered directly with nh()->subscribe, not through
 // Diagnostics::subscribe, whose 3-second start-up collection would hold the
-// first reports back. Each report carries its index in `code`; the send time
+// first reports back (BM_DiagStartupBatch measures that collection itself).
+// Each report carries its index in `code`; the send time
 // sits in a side table under that index, read with a steady clock.
 #include <benchmark/benchmark.h>
 
@@ -143,6 +144,102 @@ void BM_DiagThroughput(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(published));
 }
 
+// A robot's growth: `reporters` components each publish a report, to `subscribers`
+// subscriptions with a pool each. Only the publishing is timed (each round's
+// deliveries are awaited outside it); per_subscriber_ns, the publish cost per
+// report and subscriber, should stay flat across both numbers.
+void BM_DiagPublishCost(benchmark::State& state) {
+  const auto reporters = static_cast<size_t>(state.range(0));
+  const auto subscribers = static_cast<size_t>(state.range(1));
+  dova::Options options;
+  options.transport = "local";
+  options.mode = 1;
+  if (!dova::init("bench_diag", options)) {
+    state.SkipWithError("dova::init failed");
+    return;
+  }
+  std::vector<std::string> names;
+  for (size_t i = 0; i < reporters; ++i) names.push_back("component_" + std::to_string(i));
+  std::atomic<uint64_t> delivered{0};
+  std::vector<std::unique_ptr<dova::Subscriber<DiagnosticValue>>> subscriptions;
+  for (size_t i = 0; i < subscribers; ++i) {
+    auto subscriber = std::make_unique<dova::Subscriber<DiagnosticValue>>();
+    subscriber->callback_kind = 2;
+    subscriber->callback_ptr = [&delivered](const std::shared_ptr<const DiagnosticValue>&) {
+      delivered.fetch_add(1, std::memory_order_release);
+    };
+    subscriber->setTopic(dova::msgs::kDiagnosticsTopic);
+    if (!dova::nh()->subscribe(*subscriber, false, true, -1)) {
+      state.SkipWithError("subscribe failed");
+      dova::shutdown();
+      return;
+    }
+    subscriptions.push_back(std::move(subscriber));
+  }
+  double publish_ns = 0;
+  uint64_t published = 0;
+  for (auto _ : state) {
+    const Clock::time_point start = Clock::now();
+    for (const std::string& name : names) {
+      korcommon::Diagnostics::publish(name, 1, DiagnosticValue::WARN, "temperature 71.5 C");
+    }
+    publish_ns += std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    published += reporters;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
+    while (delivered.load(std::memory_order_acquire) < published * subscribers) {
+      if (Clock::now() > deadline) {
+        state.SkipWithError("a round did not arrive within 5 s");
+        break;
+      }
+      std::this_thread::yield();
+    }
+  }
+  dova::shutdown();  // returns once no delivery runs
+  state.counters["per_subscriber_ns"] =
+      publish_ns / static_cast<double>(std::max<uint64_t>(1, published * subscribers));
+  state.SetItemsProcessed(static_cast<int64_t>(published));
+}
+
+// A subscription that starts while 10,000 components' reports are the latched
+// state: they are replayed to it, collected, and handed over together once
+// the collection window closes. The time measured runs from the window's
+// close (at the latest; it opens when the replay begins, after subscribe() is
+// called) to the batch's last report reaching the callback.
+void BM_DiagStartupBatch(benchmark::State& state) {
+  constexpr size_t kReporters = 10000;
+  for (auto _ : state) {
+    dova::Options options;
+    options.transport = "local";
+    if (!dova::init("bench_diag", options)) {
+      state.SkipWithError("dova::init failed");
+      return;
+    }
+    for (size_t i = 0; i < kReporters; ++i) {
+      korcommon::Diagnostics::publish("component_" + std::to_string(i), 0, DiagnosticValue::OK,
+                                      "running");
+    }
+    auto arrived = std::make_shared<std::atomic<size_t>>(0);
+    auto last_arrival = std::make_shared<Clock::time_point>();
+    const Clock::time_point window_close = Clock::now() + dova::msgs::kDiagnosticsCollectionWindow;
+    korcommon::Diagnostics::subscribe(
+        [arrived, last_arrival](const std::shared_ptr<const DiagnosticValue>&) {
+          *last_arrival = Clock::now();
+          arrived->fetch_add(1, std::memory_order_release);
+        });
+    const Clock::time_point deadline = window_close + std::chrono::seconds(10);
+    while (arrived->load(std::memory_order_acquire) < kReporters && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    dova::shutdown();
+    if (arrived->load(std::memory_order_acquire) < kReporters) {
+      state.SkipWithError("the batch did not arrive within 10 s of the window's close");
+      return;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(*last_arrival - window_close).count());
+  }
+}
+
 // Arguments: mode (0 direct, 1 pool), then 1 for shared messages or 0 for frames.
 BENCHMARK(BM_DiagPublishToCallbackLatency)
     ->ArgNames({"mode", "intra"})
@@ -158,6 +255,11 @@ BENCHMARK(BM_DiagThroughput)
     ->Args({0, 0})
     ->Args({1, 0})
     ->UseRealTime();
+BENCHMARK(BM_DiagPublishCost)
+    ->ArgNames({"reporters", "subscribers"})
+    ->ArgsProduct({{10, 100, 1000}, {1, 4, 16}})
+    ->UseManualTime();
+BENCHMARK(BM_DiagStartupBatch)->Iterations(1)->Unit(benchmark::kMillisecond)->UseManualTime();
 
 }  // namespace
 
