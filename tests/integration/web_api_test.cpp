@@ -5,15 +5,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "dova/json/reader.h"
+#include "threads.h"
 #include "web_server.h"
 #include "web_state.h"
 #include "web_timeline.h"
@@ -243,16 +242,14 @@ TEST(WebTimeline, WorstLevelPerSecondCarriedWhileFreshForTenMinutes) {
 // One page's event stream, read on a thread of its own.
 class EventReader {
  public:
-  EventReader(int port) : client_("127.0.0.1", port) {
+  explicit EventReader(int port) : client_("127.0.0.1", port) {
     thread_ = std::thread([this] {
       client_.Get("/api/events", [this](const char* data, size_t length) {
-        std::lock_guard<std::mutex> lock(mutex_);
         buffer_.append(data, length);
         for (size_t end; (end = buffer_.find("\n\n")) != std::string::npos;) {
-          messages_.push_back(buffer_.substr(0, end));
+          messages.add(buffer_.substr(0, end));
           buffer_.erase(0, end + 2);
         }
-        arrived_.notify_all();
         return !stop_;
       });
     });
@@ -264,22 +261,14 @@ class EventReader {
 
   // The `index`th message, once it arrived (empty after 10 s).
   std::string message(size_t index) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    arrived_.wait_for(lock, 10s, [&] { return messages_.size() > index; });
-    return messages_.size() > index ? messages_[index] : "";
+    return messages.waitFor(index + 1, 10s) ? messages.items()[index] : "";
   }
 
-  size_t count() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return messages_.size();
-  }
+  korcommon::testing::Inbox<std::string> messages;
 
  private:
   httplib::Client client_;
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::string buffer_;
-  std::vector<std::string> messages_;
+  std::string buffer_;  // touched by the reading thread only
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
@@ -309,7 +298,7 @@ TEST_F(WebApi, EventsStartWithTheWholeStateThenBatchChanges) {
   }
   const double elapsed =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - burst_start).count();
-  EXPECT_LE(page.count() - 1, static_cast<size_t>(elapsed * 10) + 2);
+  EXPECT_LE(page.messages.size() - 1, static_cast<size_t>(elapsed * 10) + 2);
   EXPECT_NE(seen.find(R"("message":"n299")"), std::string::npos);
   for (int i = 0; i < 300; i += 37) {  // each record once
     const std::string text = "\"msg\":\"r" + std::to_string(i) + "\"";

@@ -48,6 +48,10 @@ class Inbox {
     std::lock_guard<std::mutex> lock(mutex_);
     return items_.size();
   }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    items_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;

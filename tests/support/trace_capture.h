@@ -2,11 +2,11 @@
 #define KORCOMMON_TESTS_SUPPORT_TRACE_CAPTURE_H_
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "dova/trace.h"
+#include "threads.h"
 
 namespace korcommon::testing {
 
@@ -18,61 +18,40 @@ struct TraceReport {
   std::string text;
 };
 
-// Collects every dova::mtrace report while it lives, then puts the previous sink
-// back. Reports may come from any thread: the sink appends under a lock, and
-// the collected reports live in state shared with the sink, so a trace that
-// reaches the sink just after the capture is gone still lands in valid memory.
-//
-// reports() is the unguarded view for single-threaded tests; snapshot() and
-// count() are safe while other threads trace.
+// Collects every dova::mtrace report while it lives, then puts the previous sink back.
+// Reports may come from any thread. They go to an inbox the sink shares, so that a trace
+// reaching the sink just after the capture is gone still lands in valid memory.
+// Thread-safe.
 class TraceCapture {
  public:
-  TraceCapture() : state_(std::make_shared<State>()) {
-    previous_ = dova::setTraceSink([state = state_](int level, const char* file, int line,
-                                                    const char* function, const std::string& text) {
-      std::lock_guard<std::mutex> lock(state->mutex);
-      state->reports.push_back(
-          {level, file == nullptr ? "" : file, line, function == nullptr ? "" : function, text});
-    });
+  TraceCapture() {
+    previous_ =
+        dova::setTraceSink([reports = reports_](int level, const char* file, int line,
+                                                const char* function, const std::string& text) {
+          reports->add({level, file == nullptr ? "" : file, line,
+                        function == nullptr ? "" : function, text});
+        });
   }
   ~TraceCapture() { dova::setTraceSink(previous_); }
-
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // REQUIRES: no other thread traces while the result is in use.
-  const std::vector<TraceReport>& reports() const { return state_->reports; }
-
-  std::vector<TraceReport> snapshot() const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->reports;
-  }
+  std::vector<TraceReport> reports() const { return reports_->items(); }
 
   // Reports at `level` from `function` whose text contains `fragment`.
   size_t count(int level, const std::string& function, const std::string& fragment = "") const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
     size_t matching = 0;
-    for (const TraceReport& report : state_->reports) {
-      if (report.level == level && report.function == function &&
-          report.text.find(fragment) != std::string::npos) {
-        ++matching;
-      }
+    for (const TraceReport& report : reports()) {
+      matching += report.level == level && report.function == function &&
+                  report.text.find(fragment) != std::string::npos;
     }
     return matching;
   }
 
-  void clear() {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->reports.clear();
-  }
+  void clear() { reports_->clear(); }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::vector<TraceReport> reports;
-  };
-
-  std::shared_ptr<State> state_;
+  std::shared_ptr<Inbox<TraceReport>> reports_ = std::make_shared<Inbox<TraceReport>>();
   dova::TraceSink previous_;
 };
 

@@ -74,7 +74,7 @@ TEST_F(DovaInit, RefusesBadRequestsWithAnErrorAndChangesNothing) {
     EXPECT_FALSE(dova::init("bad_env")) << name;
     unsetenv(name);
   }
-  const std::vector<TraceReport> reports = capture.snapshot();
+  const std::vector<TraceReport> reports = capture.reports();
   ASSERT_EQ(reports.size(), 9u);
   for (size_t i = 0; i < reports.size(); ++i) {
     EXPECT_EQ(reports[i].level, dova::ERROR);

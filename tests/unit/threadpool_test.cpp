@@ -58,7 +58,7 @@ void drain(dova::ThreadPool& pool) {
 std::vector<std::string> slowReports(const TraceCapture& capture) {
   std::vector<std::string> reports;
   const std::regex shape(R"((\S+) timeescape (\d+\.\d\d) ms, remained task: (\d+))");
-  for (const TraceReport& report : capture.snapshot()) {
+  for (const TraceReport& report : capture.reports()) {
     std::smatch parts;
     if (report.function != "thread_loop") continue;
     EXPECT_EQ(report.level, dova::WARN);
@@ -304,7 +304,7 @@ TEST(ThreadPool, DestroyingABusyPoolWarnsAfterThreeSecondsAndOutlivesTheTask) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2950));
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "Warning: Blocked - stuck_pool wait_completed timeout=3s\n");
-  const std::vector<TraceReport> blocked = capture.snapshot();
+  const std::vector<TraceReport> blocked = capture.reports();
   ASSERT_EQ(blocked.size(), 1u);
   EXPECT_EQ(blocked[0].level, dova::WARN);
   EXPECT_EQ(blocked[0].function, "wait_completed");
