@@ -1,6 +1,7 @@
 #include <dds/dds.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "dova/guid.h"
@@ -44,22 +46,39 @@ struct Reader {
   RemoteFrameHandler handler;
 };
 
-// Hands every frame waiting in `reader` to its handler.
+// Hands every frame waiting in `reader` to its handler, in the order they were
+// written. Cyclone's take groups samples by instance (a report's name), which
+// would hand a publisher's reports of different names out of order; so all
+// that waits is taken first, then ordered by the writers' time stamps (a
+// writer's stamps never go back while its clock does not, and samples with
+// equal stamps keep the order of the take).
 void deliverWaiting(const Reader& reader) {
-  void* samples[kTakeBatch] = {};
-  dds_sample_info_t infos[kTakeBatch];
+  struct Batch {
+    void* samples[kTakeBatch] = {};
+    dds_sample_info_t infos[kTakeBatch];
+    dds_return_t taken = 0;
+  };
+  std::vector<std::unique_ptr<Batch>> batches;
+  std::vector<std::pair<dds_time_t, const dova_wire_Frame*>> frames;
   for (;;) {
-    samples[0] = nullptr;  // borrow the samples from Cyclone
-    const dds_return_t taken = dds_take(reader.entity, samples, infos, kTakeBatch, kTakeBatch);
-    if (taken <= 0) return;
-    for (int i = 0; i < taken; ++i) {
-      if (!infos[i].valid_data) continue;
-      const auto* frame = static_cast<const dova_wire_Frame*>(samples[i]);
-      reader.handler(frame->md5 == nullptr ? std::string() : std::string(frame->md5),
-                     frame->data._buffer, frame->data._length);
+    auto batch = std::make_unique<Batch>();  // samples[0] null: borrowed from Cyclone
+    batch->taken = dds_take(reader.entity, batch->samples, batch->infos, kTakeBatch, kTakeBatch);
+    if (batch->taken <= 0) break;
+    for (int i = 0; i < batch->taken; ++i) {
+      if (!batch->infos[i].valid_data) continue;
+      frames.emplace_back(batch->infos[i].source_timestamp,
+                          static_cast<const dova_wire_Frame*>(batch->samples[i]));
     }
-    dds_return_loan(reader.entity, samples, taken);
+    batches.push_back(std::move(batch));
   }
+  std::stable_sort(frames.begin(), frames.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& entry : frames) {
+    const dova_wire_Frame& frame = *entry.second;
+    reader.handler(frame.md5 == nullptr ? std::string() : std::string(frame.md5),
+                   frame.data._buffer, frame.data._length);
+  }
+  for (const auto& batch : batches) dds_return_loan(reader.entity, batch->samples, batch->taken);
 }
 
 // Frames arrive on a thread of the transport's own, not in a Cyclone listener:

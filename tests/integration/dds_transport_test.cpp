@@ -92,7 +92,7 @@ TEST_F(DdsTransport, ReportsArriveInOrderPerPublisherAndAKilledOneBreaksNothing)
   constexpr size_t kReports = 2000;
   std::vector<std::unique_ptr<ChildProcess>> publishers;
   for (const char* node : {"pub0", "pub1", "pub2"}) {
-    publishers.push_back(probe({"publish", node, std::to_string(kReports), "1", "1"}));
+    publishers.push_back(probe({"publish", node, std::to_string(kReports), "3", "1"}));
   }
   ASSERT_TRUE(inbox_->waitUntil([](const auto& all) {
     return countFrom(all, "pub") == 3 * kReports;
