@@ -170,6 +170,15 @@ struct FieldCodec<MessageT, std::enable_if_t<std::is_base_of_v<Msg, MessageT>>>
   }
 };
 
+// The section that ends the definition text of a message embedding a
+// MessageT: a line of 80 '=', "MSG: " and its type name, then its own
+// definition text.
+template <typename MessageT>
+std::string embeddedDefinition() {
+  const MessageT message;
+  return std::string(80, '=') + "\nMSG: " + message.getType() + "\n" + message.getDefinition();
+}
+
 // Base of a message whose layout is its field list. Derived provides
 //   static constexpr auto fields();  // std::make_tuple(field<&Derived::x>("x"), ...)
 // and getType, getMD5 and getDefinition; this class derives every other

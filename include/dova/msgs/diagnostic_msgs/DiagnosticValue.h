@@ -14,12 +14,9 @@ namespace dova::diagnostic_msgs {
 // (level), a numeric code and a free-text message, stamped by a header.
 // Published on dova::msgs::kDiagnosticsTopic.
 //
-// fields() is its layout: the encoding, the frame walk, the echo text and the
-// JSON members follow that list (docs/wire-format.md gives the offsets).
-// parse() truncates "level" and "code" to 32-bit integers (out of range:
-// -2147483648); a bad "header" member is reported by the header's own parser
-// (one line), leaves the header as it was, and the other fields are still
-// taken.
+// Its layout is fields() below. parse() truncates "level" and "code" to 32-bit integers (out of
+// range: -2147483648); a bad "header" member is reported by the header's own parser (one line),
+// leaves the header as it was, and the other fields are still taken.
 //
 // A plain value: concurrent const calls are safe, changes need exclusive access.
 class DiagnosticValue final : public msgs::FieldListMessage<DiagnosticValue> {
@@ -47,12 +44,8 @@ class DiagnosticValue final : public msgs::FieldListMessage<DiagnosticValue> {
            "int32 level\n"
            "string name\n"
            "int32 code\n"
-           "string message\n"
-           "================================================================================\n"
-           "MSG: std_msgs/Header\n"
-           "uint32 seq\n"
-           "time stamp\n"
-           "string frame_id\n";
+           "string message\n" +
+           msgs::embeddedDefinition<std_msgs::Header>();
   }
 
   const std_msgs::Header* getHeader() const override { return &header; }

@@ -15,11 +15,9 @@ namespace dova::dova_msgs {
 // node name, message text, source location, related topics and the ids of
 // the calling process and thread.
 //
-// fields() is its layout: the encoding, the frame walk, the echo text and the
-// JSON members follow that list (docs/wire-format.md gives the offsets).
-// parse() keeps the low 8 bits of the 32-bit truncation of "level" (300
-// gives 44) and the low 32 bits of the 64-bit truncation of "line"; a bad
-// "header" member is reported by the header's own parser.
+// Its layout is fields() below. parse() keeps the low 8 bits of the 32-bit truncation of "level"
+// (300 gives 44) and the low 32 bits of the 64-bit truncation of "line"; a bad "header" member is
+// reported by the header's own parser.
 //
 // A plain value: concurrent const calls are safe, changes need exclusive access.
 class Log final : public msgs::FieldListMessage<Log> {
@@ -57,12 +55,8 @@ class Log final : public msgs::FieldListMessage<Log> {
            "uint32 line\n"
            "string[] topics\n"
            "uint64 pid\n"
-           "uint64 tid\n"
-           "================================================================================\n"
-           "MSG: std_msgs/Header\n"
-           "uint32 seq\n"
-           "time stamp\n"
-           "string frame_id\n";
+           "uint64 tid\n" +
+           msgs::embeddedDefinition<std_msgs::Header>();
   }
 
   const std_msgs::Header* getHeader() const override { return &header; }
