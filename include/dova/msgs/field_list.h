@@ -214,9 +214,9 @@ class FieldListMessage : public Msg {
  protected:
   FieldListMessage() = default;
   FieldListMessage(const FieldListMessage&) = default;
-  FieldListMessage(FieldListMessage&&) = default;
+  FieldListMessage(FieldListMessage&&) noexcept = default;
   FieldListMessage& operator=(const FieldListMessage&) = default;
-  FieldListMessage& operator=(FieldListMessage&&) = default;
+  FieldListMessage& operator=(FieldListMessage&&) noexcept = default;
   ~FieldListMessage() = default;
 
  private:

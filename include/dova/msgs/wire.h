@@ -45,6 +45,7 @@ const uint8_t* readInteger(const uint8_t* in, Integer& value) {
 inline uint8_t* writeString(uint8_t* out, const std::string& value) {
   const auto count = static_cast<uint32_t>(value.size());
   out = writeInteger(out, count);
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the format has no terminator.
   std::memcpy(out, value.data(), count);
   return out + count;
 }
