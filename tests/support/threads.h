@@ -52,6 +52,11 @@ class Inbox {
     std::lock_guard<std::mutex> lock(mutex_);
     items_.clear();
   }
+  // The items so far, which leave the inbox.
+  std::vector<T> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(items_, {});
+  }
 
  private:
   mutable std::mutex mutex_;

@@ -28,6 +28,7 @@
 #include "dova/msgs/dova_msgs/Log.h"
 #include "dova/os/node_handle_base.h"
 #include "scoped_env.h"
+#include "stand_in_handle.h"
 
 namespace {
 
@@ -37,36 +38,14 @@ using LogRecord = std::shared_ptr<const Log>;
 
 uint64_t threadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
 
-// Stands in for the middleware's node handle: ok() answers what the test says, log() hands each
-// record to `forward` (by default it keeps them all). Thread-safe.
-class RecordingNodeHandle : public dova::NodeHandleBase {
- public:
-  bool ok() const override { return ok_; }
-  void log(const LogRecord& record) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!forward) {
-      records_.push_back(record);
-    } else {
-      forward(record);
-    }
-  }
-  std::vector<LogRecord> take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(records_, {});
-  }
-  std::vector<std::string> messages() {
-    std::vector<std::string> texts;
-    for (const LogRecord& record : take()) texts.push_back(record->msg);
-    return texts;
-  }
+using korcommon::testing::StandInHandle;
 
-  std::atomic<bool> ok_{true};
-  std::function<void(const LogRecord&)> forward;
-
- private:
-  std::mutex mutex_;
-  std::vector<LogRecord> records_;
-};
+// The texts of the records `handle` was given since the last call.
+std::vector<std::string> messagesOf(StandInHandle& handle) {
+  std::vector<std::string> texts;
+  for (const LogRecord& record : handle.records.take()) texts.push_back(record->msg);
+  return texts;
+}
 
 class TraceLogger : public ::testing::Test {
  protected:
@@ -78,23 +57,20 @@ class TraceLogger : public ::testing::Test {
   }
   static void TearDownTestSuite() { dova::shutdown(); }
   void SetUp() override {
-    previous_ = dova::setNodeHandle(&handle_);
     korcommon::set_log_level(1);
     korcommon::set_log_size(256);
   }
-  void TearDown() override { dova::setNodeHandle(previous_); }
 
   // The one message published by `call`, or "(N records)".
   template <typename Call>
   std::string published(Call call) {
     call();
-    const std::vector<std::string> messages = handle_.messages();
+    const std::vector<std::string> messages = messagesOf(handle_);
     return messages.size() == 1 ? messages[0] : "(" + std::to_string(messages.size()) + " records)";
   }
 
-  RecordingNodeHandle handle_;
+  StandInHandle handle_;  // installed for each test
   ScopedEnv screen_{"DOVA_LOG_SCREEN", std::nullopt};
-  dova::NodeHandleBase* previous_ = nullptr;
 };
 
 std::string screenOutput(const std::function<void()>& call) {
@@ -120,7 +96,7 @@ TEST_F(TraceLogger, FiltersByLevelAndCutsToTheBufferSize) {
         korcommon::mtrace(level, "f.cpp", 1, "filter", "level %d", level);
         exported(level, "f.cpp", 1, "filter", "level %d", level);
       });
-      const size_t records = handle_.take().size();
+      const size_t records = handle_.records.take().size();
       EXPECT_EQ(printed.empty(), records == 0);
       passed += records == 2 ? "1" : records == 0 ? "0" : "?";
     }
@@ -149,7 +125,7 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
   const dova::Time before = dova::Time::now();
   korcommon::mtrace(4, "a/b/c.cpp", 42, "publish", "joint %d temperature %.1f C", 3, 71.5);
   const dova::Time after = dova::Time::now();
-  std::vector<LogRecord> records = handle_.take();
+  std::vector<LogRecord> records = handle_.records.take();
   ASSERT_EQ(records.size(), 1u);
   const Log& record = *records[0];
   EXPECT_EQ(record.echo().substr(record.echo().find(",\"level\"")),
@@ -169,7 +145,7 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
     korcommon::mtrace(2, nullptr, 7, "f", "x");
     korcommon::mtrace(2, "dir/", 7, "f", "x");
   }).join();
-  records = handle_.take();
+  records = handle_.records.take();
   ASSERT_EQ(records.size(), 3u);
   EXPECT_EQ(records[0]->level, 44);
   EXPECT_EQ(records[0]->file + "|" + records[1]->file + "|" + records[2]->file, "x.h||");
@@ -181,10 +157,10 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
   const ScopedEnv zone("TZ", "KST-9");  // far from UTC, so that a line in UTC would show
   tzset();
   const ScopedEnv screen("DOVA_LOG_SCREEN", "1");
-  handle_.ok_ = false;
+  handle_.running = false;
   const time_t now = time(nullptr);
   const std::string output = screenOutput([] { korcommon::mtrace(2, "a/b/c.cpp", 12, "f", "hi"); });
-  EXPECT_TRUE(handle_.take().empty());
+  EXPECT_TRUE(handle_.records.take().empty());
   char local[64];
   strftime(local, sizeof local, "%Y-%m-%d %H:%M", localtime(&now));
   const std::string ids = std::to_string(getpid()) + "/" + std::to_string(threadId());
@@ -271,7 +247,7 @@ TEST_F(TraceLogger, ConcurrentCallsAndSetters) {
   for (std::thread& logger : loggers) logger.join();
   done = true;
   setter.join();
-  const std::vector<std::string> messages = handle_.messages();
+  const std::vector<std::string> messages = messagesOf(handle_);
   ASSERT_EQ(messages.size(), 1200u);
   for (const std::string& message : messages) {
     EXPECT_TRUE(message == text.substr(0, 15) || message == text.substr(0, 79) ||
@@ -293,7 +269,7 @@ TEST_F(TraceLogger, RecordsAreNeverRewrittenWhileHeld) {
   std::vector<std::pair<int, LogRecord>> queue;
   bool finished = false;
   int call = 0;
-  handle_.forward = [&](const LogRecord& record) {
+  handle_.on_log = [&](const LogRecord& record) {
     if (call % 3 == 0) held.emplace_back(call, record);
     watched.push_back(record);
     std::lock_guard<std::mutex> lock(mutex);
@@ -377,8 +353,7 @@ TEST(TraceLoggerEnvironment, ReadAtTheFirstCallOnly) {
         korcommon::set_log_level(3);
         korcommon::set_log_size(64);
       }
-      RecordingNodeHandle handle;
-      dova::setNodeHandle(&handle);
+      StandInHandle handle;
       std::string summary;
       const std::string printed = screenOutput([&] {
         for (const int level : {1, 2, 3, 4, 5, 8, 16, 32}) {
@@ -391,7 +366,7 @@ TEST(TraceLoggerEnvironment, ReadAtTheFirstCallOnly) {
         korcommon::mtrace(8, "c.cpp", 1, "env", "L8");
         korcommon::mtrace(16, "c.cpp", 1, "env", "L16");
       });
-      for (const std::string& message : handle.messages()) {
+      for (const std::string& message : messagesOf(handle)) {
         summary += (summary.empty() ? "" : " ") +
                    (message[0] == 's' ? std::to_string(message.size()) : message);
       }
