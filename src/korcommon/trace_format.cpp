@@ -3,16 +3,16 @@
 #include <langinfo.h>
 
 #include <algorithm>
-#include <array>
 #include <cfenv>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <system_error>
 #include <type_traits>
+
+#include "dova/json/detail/decimal.h"
 
 namespace korcommon::detail {
 namespace {
@@ -22,31 +22,11 @@ namespace {
 constexpr int kLargestCount = 1 << 20;
 // Float precisions above this go to vsnprintf, which bounds the text below.
 constexpr int kLargestFloatPrecision = 40;
-// The longest finite double at that precision: a sign, the 309 integer
-// digits of DBL_MAX in fixed notation, the point and the fraction.
-constexpr size_t kFloatTextSize =
-    1 + (std::numeric_limits<double>::max_exponent10 + 1) + 1 + kLargestFloatPrecision;
+// The longest finite double at that precision, in fixed notation (the
+// longest of the three).
+constexpr size_t kFloatTextSize = dova::json::detail::fixedRoom(kLargestFloatPrecision);
 // The longest integer: a sign and 19 decimal digits, or 22 octal ones.
 constexpr size_t kIntegerTextSize = 24;
-
-__extension__ typedef unsigned __int128 Uint128;
-
-// 10^0 to 10^19: every power of ten below 2^64.
-constexpr auto kPowersOfTen = [] {
-  std::array<uint64_t, std::numeric_limits<uint64_t>::digits10 + 1> powers{};
-  powers[0] = 1;
-  for (size_t i = 1; i < powers.size(); ++i) powers[i] = powers[i - 1] * 10;
-  return powers;
-}();
-constexpr int kLargestExactScale = static_cast<int>(kPowersOfTen.size()) - 1;
-// A double's 53-bit significand times 10^3 (< 2^10) still fits 64 bits.
-constexpr int kLargestNarrowScale = 3;
-// The digits of a 64-bit integer, the unit writeScaledFixed copies in.
-constexpr size_t kDigitBlock = std::numeric_limits<uint64_t>::digits10 + 1;
-// writeScaledFixed's room: a sign, the integer block, the point, a block of
-// zeros and the fraction block.
-constexpr size_t kScaledFixedTextSize = 1 + kDigitBlock + 1 + 2 * kDigitBlock;
-static_assert(kScaledFixedTextSize <= kFloatTextSize);
 
 // The caller's buffer, filled as vsnprintf fills it: text past size - 1
 // bytes is dropped, and the terminator goes after what was kept.
@@ -241,82 +221,6 @@ unsigned long long unsignedArgument(Length length, va_list* arguments) {
   output.append(text, length);
 }
 
-// product / 2^shift, rounded half to even.
-// REQUIRES: 0 < shift < the width of Unsigned.
-template <typename Unsigned>
-Unsigned shiftRoundingHalfToEven(Unsigned product, int shift) {
-  const Unsigned quotient = product >> shift;
-  const Unsigned remainder = product - (quotient << shift);
-  const Unsigned half = Unsigned{1} << (shift - 1);
-  return quotient + Unsigned{remainder > half || (remainder == half && (quotient & 1) != 0)};
-}
-
-// `value` in fixed notation with `precision` fraction digits, as printf's
-// %.*f writes it, when |value| * 10^precision rounds to below 2^64; nullptr
-// otherwise. The exact binary value is scaled in 64- or 128-bit integers
-// and rounded half to even, as glibc rounds its exact multi-precision value in
-// the default rounding mode; std::to_chars gives the same bytes at several
-// times the cost.
-// REQUIRES: `value` is finite; 0 <= precision <= kLargestExactScale; `first`
-// has room for kScaledFixedTextSize characters.
-char* writeScaledFixed(char* first, double value, int precision) {
-  constexpr int kFractionBits = std::numeric_limits<double>::digits - 1;
-  constexpr int kExponentBias = std::numeric_limits<double>::max_exponent - 1;
-  uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  uint64_t significand = bits & ((uint64_t{1} << kFractionBits) - 1);
-  const int biased_exponent = static_cast<int>((bits >> kFractionBits) & 0x7ff);
-  int exponent = 1 - kExponentBias - kFractionBits;  // subnormals
-  if (biased_exponent != 0) {
-    significand |= uint64_t{1} << kFractionBits;
-    exponent = biased_exponent - kExponentBias - kFractionBits;
-  }
-
-  // |value| * 10^precision == significand * scale * 2^exponent.
-  const uint64_t scale = kPowersOfTen[static_cast<size_t>(precision)];
-  uint64_t scaled = 0;
-  if (exponent >= 0) {
-    const Uint128 product = Uint128{significand} * scale;
-    if (exponent >= 64 || (product >> (64 - exponent)) != 0) return nullptr;
-    scaled = static_cast<uint64_t>(product << exponent);
-  } else if (precision <= kLargestNarrowScale && exponent > -64) {
-    // The common reading, in 64-bit arithmetic.
-    scaled = shiftRoundingHalfToEven(significand * scale, -exponent);
-  } else if (exponent > -128) {
-    // Beyond 127 bits of shift the value is below half a unit: it rounds to 0.
-    const Uint128 rounded = shiftRoundingHalfToEven(Uint128{significand} * scale, -exponent);
-    if (rounded > std::numeric_limits<uint64_t>::max()) return nullptr;
-    scaled = static_cast<uint64_t>(rounded);
-  }
-
-  // The parts go out in whole blocks, which compile to a few moves where a
-  // call to copy a handful of bytes would cost more than the rest of this
-  // function; what a block carries past its part is overwritten by the next
-  // part or lies beyond the text.
-  char digits[2 * kDigitBlock] = {};  // a block can start at any digit
-  const size_t count =
-      static_cast<size_t>(std::to_chars(digits, digits + kDigitBlock, scaled).ptr - digits);
-  const size_t fraction = static_cast<size_t>(precision);
-  const size_t integer_digits = count > fraction ? count - fraction : 0;
-  char* next = first;
-  if ((bits >> 63) != 0) *next++ = '-';  // also for -0.0 and what rounds to 0
-  if (integer_digits == 0) {
-    *next++ = '0';
-  } else {
-    std::memcpy(next, digits, kDigitBlock);
-    next += integer_digits;
-  }
-  if (fraction > 0) {
-    *next++ = '.';
-    const size_t fraction_digits = count - integer_digits;
-    std::memset(next, '0', kDigitBlock);
-    next += fraction - fraction_digits;
-    std::memcpy(next, digits + integer_digits, kDigitBlock);
-    next += fraction_digits;
-  }
-  return next;
-}
-
 // vsnprintf writes the current locale's decimal point and rounds in the
 // current rounding mode; the conversions here know "." and round to nearest.
 // (Thousands grouping takes the ' flag, which goes to vsnprintf anyway.)
@@ -334,21 +238,12 @@ bool appendFloat(BoundedOutput& output, const Conversion& conversion, double val
   const int precision = conversion.precision < 0 ? 6 : conversion.precision;
   char text[kFloatTextSize];
   char* end = nullptr;
-  std::chars_format notation = std::chars_format::general;
-  switch (conversion.type) {
-    case 'f':
-    case 'F':
-      if (precision <= kLargestExactScale) end = writeScaledFixed(text, value, precision);
-      notation = std::chars_format::fixed;
-      break;
-    case 'e':
-    case 'E':
-      notation = std::chars_format::scientific;
-      break;
-    default:
-      break;
-  }
-  if (end == nullptr) {
+  if (conversion.type == 'f' || conversion.type == 'F') {
+    end = dova::json::detail::formatFixed(value, precision, text);
+  } else {
+    const std::chars_format notation = conversion.type == 'e' || conversion.type == 'E'
+                                           ? std::chars_format::scientific
+                                           : std::chars_format::general;
     const std::to_chars_result result =
         std::to_chars(text, text + sizeof text, value, notation, precision);
     if (result.ec != std::errc()) return false;

@@ -4,19 +4,17 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <istream>
 #include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <unordered_set>
 #include <vector>
 
+#include "dova/json/detail/decimal.h"
 #include "dova/json/elements.h"
 
 namespace dova {
@@ -426,239 +424,11 @@ constexpr std::array<int8_t, 256> kStartedTokens = [] {
   return types;
 }();
 
-__extension__ typedef unsigned __int128 Uint128;
-
-constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
-
-constexpr std::array<uint64_t, 28> kPowersOfFive = [] {
-  std::array<uint64_t, 28> powers{};
-  uint64_t power = 1;
-  for (uint64_t& entry : powers) {
-    entry = power;
-    power *= 5;
-  }
-  return powers;
-}();
-
-inline int highestBit(Uint128 value) {
-  const auto high = static_cast<uint64_t>(value >> 64);
-  return high != 0 ? 127 - __builtin_clzll(high)
-                   : 63 - __builtin_clzll(static_cast<uint64_t>(value));
-}
-
-// The double nearest to (integer + a fraction that is nonzero when `inexact`) * 2^exponent,
-// ties to even. REQUIRES: integer > 0, inexact only when integer has more than 53 bits, and a
-// result in the range of normal doubles.
-inline double roundToDouble(Uint128 integer, int exponent, bool inexact) {
-  int shift = highestBit(integer) - 52;
-  uint64_t mantissa;
-  if (shift <= 0) {
-    mantissa = static_cast<uint64_t>(integer) << -shift;
-  } else {
-    mantissa = static_cast<uint64_t>(integer >> shift);
-    const Uint128 rest = integer & ((Uint128{1} << shift) - 1);
-    const Uint128 half = Uint128{1} << (shift - 1);
-    if (rest > half || (rest == half && (inexact || (mantissa & 1) != 0))) {
-      if (++mantissa == uint64_t{1} << 53) {
-        mantissa >>= 1;
-        ++shift;
-      }
-    }
-  }
-  const auto biased_exponent = static_cast<uint64_t>(exponent + shift + 52 + 1023);
-  const uint64_t bits = (biased_exponent << 52) | (mantissa & ((uint64_t{1} << 52) - 1));
-  double value;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
-}
-
-// Powers of ten that doubles hold exactly.
-constexpr std::array<double, 23> kExactPowersOfTen = {
-    1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
-    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-
-// digits × 10^exponent into `magnitude` when a double holds both factors exactly, so that the
-// one rounding of the product or quotient is the right one; false, leaving `magnitude`,
-// otherwise.
-inline bool exactDecimal(uint64_t digits, int exponent, double& magnitude) {
-  constexpr int kLargestPower = static_cast<int>(kExactPowersOfTen.size() - 1);
-  if (digits > (uint64_t{1} << 53) || exponent < -kLargestPower || exponent > kLargestPower) {
-    return false;
-  }
-  const auto value = static_cast<double>(digits);
-  if (exponent == 0) {
-    magnitude = value;  // no division, whose latency would show on every integer
-  } else if (exponent < 0) {
-    magnitude = value / kExactPowersOfTen[static_cast<size_t>(-exponent)];
-  } else {
-    magnitude = value * kExactPowersOfTen[static_cast<size_t>(exponent)];
-  }
-  return true;
-}
-
-// Reads [begin, end) when it is a number in strict JSON form that converts exactly without
-// std::from_chars: up to 2^53 with a power of ten doubles hold exactly, or exactly 20
-// significant digits, as the writer produces them, with a power of ten from -27 to 18, which
-// 128-bit integers convert exactly (std::from_chars is slow on those). Returns false, leaving
-// `value`, for any other text.
-inline bool readLongDecimal(const char* begin, const char* end, double& value) {
-  constexpr int kMostDigits = 20;
-  constexpr int kDigitsOf64Bits = 19;
-  const char* next = begin;
-  const bool negative = next != end && *next == '-';
-  if (negative) ++next;
-  if (next == end || !isDigit(*next)) return false;
-  uint64_t leading = 0;  // the first 19 significant digits
-  unsigned twentieth = 0;
-  int count = 0;
-  int exponent = 0;
-  const auto addDigit = [&](char digit) {
-    const auto digit_value = static_cast<unsigned>(digit - '0');
-    if (count < kDigitsOf64Bits) {
-      leading = leading * 10 + digit_value;
-    } else {
-      twentieth = digit_value;
-    }
-    ++count;
-  };
-  if (*next == '0') {
-    ++next;
-  } else {
-    for (; next != end && isDigit(*next) && count <= kMostDigits; ++next) addDigit(*next);
-  }
-  if (next != end && *next == '.') {
-    const char* const fraction = ++next;
-    for (; next != end && isDigit(*next) && count <= kMostDigits; ++next) {
-      --exponent;
-      if (count != 0 || *next != '0') addDigit(*next);  // leading zeros are not significant
-    }
-    if (next == fraction) return false;
-  }
-  if (count > kMostDigits) return false;
-  if (next != end && (*next == 'e' || *next == 'E')) {
-    ++next;
-    const bool negative_exponent = next != end && *next == '-';
-    if (next != end && (*next == '-' || *next == '+')) ++next;
-    const char* const written = next;
-    int power = 0;
-    for (; next != end && isDigit(*next) && next - written < 4; ++next) {
-      power = power * 10 + (*next - '0');
-    }
-    if (next == written) return false;
-    exponent += negative_exponent ? -power : power;
-  }
-  if (next != end) return false;
-  double magnitude = 0.0;
-  const bool exact =
-      count == 0 || (count < kMostDigits && exactDecimal(leading, exponent, magnitude));
-  if (!exact) {
-    if (count != kMostDigits || exponent > 18 ||
-        exponent < 1 - static_cast<int>(kPowersOfFive.size())) {
-      return false;
-    }
-    const Uint128 digits = Uint128{leading} * 10 + twentieth;
-    if (exponent >= 0) {
-      Uint128 product = digits;
-      for (int power = 0; power < exponent; ++power) product *= 10;
-      magnitude = roundToDouble(product, 0, false);
-    } else {
-      // digits / 10^k = (digits * 2^shift / 5^k) * 2^-(shift + k); the quotient keeps more
-      // than 64 bits and the remainder tells whether the division was exact.
-      const int k = -exponent;
-      const uint64_t divisor = kPowersOfFive[static_cast<size_t>(k)];
-      const int shift = 127 - highestBit(digits);
-      const Uint128 scaled = digits << shift;
-      magnitude = roundToDouble(scaled / divisor, -(shift + k), scaled % divisor != 0);
-    }
-  }
-  value = negative ? -magnitude : magnitude;
-  return true;
-}
-
 // The high bit of each byte of `word` that is a decimal digit. Exact for every byte: no carry
 // crosses from one byte into the next.
 constexpr uint64_t digitBytes(uint64_t word) {
   const uint64_t offsets = word ^ (kOnes * '0');  // below 10 exactly for the digits
   return ~(((offsets & kLowBits) + kOnes * (0x80 - 10)) | offsets) & kHighBits;
-}
-
-// The value of the eight digits in `word`, the first in the lowest byte; zero bytes count as
-// leading zeros.
-constexpr uint64_t eightDigitsValue(uint64_t word) {
-  // Neighbouring digits combine into pairs, the pairs into fours, the fours into eight.
-  word = ((word & 0x0F0F0F0F0F0F0F0Fu) * 2561) >> 8;
-  word = ((word & 0x00FF00FF00FF00FFu) * 6553601) >> 16;
-  return ((word & 0x0000FFFF0000FFFFu) * 42949672960001u) >> 32;
-}
-
-constexpr std::array<uint64_t, 9> kPowersOfTen = {1,      10,      100,      1000,     10000,
-                                                  100000, 1000000, 10000000, 100000000};
-
-// The characters from `next` up to eight, but not past `end`, as one word like loadWord, zero
-// in the bytes past `end`. Short texts are read by overlapping loads rather than copied into a
-// padded buffer: wide loads from fresh narrow stores would stall on store forwarding.
-inline uint64_t loadUpToWord(const char* next, const char* end) {
-  const auto remaining = static_cast<size_t>(end - next);
-  if (remaining >= 8) return loadWord(next);
-  if (remaining >= 4) {
-    // The last four characters overlap the first four; the bytes they share are the same.
-    return loadFour(next) | loadFour(end - 4) << (8 * (remaining - 4));
-  }
-  if (remaining == 0) return 0;
-  return byteAt(next, 0) | byteAt(next, remaining / 2) | byteAt(next, remaining - 1);
-}
-
-// Appends the run of digits in [next, end) to `digits`, eight at a time, and returns the end of
-// the run; `digits` wraps when the run makes it exceed 64 bits. Branches only on runs of eight
-// digits, so that the varying lengths of numbers cost no mispredictions.
-// Inlined, so that `digits` stays in a register.
-[[gnu::always_inline]] inline const char* readDigits(const char* next, const char* end,
-                                                     uint64_t& digits) {
-  for (;;) {
-    const uint64_t word = loadUpToWord(next, end);
-    const uint64_t others = ~digitBytes(word) & kHighBits;
-    if (others == 0) {
-      digits = digits * kPowersOfTen[8] + eightDigitsValue(word);
-      next += 8;
-      continue;
-    }
-    const auto count = static_cast<unsigned>(__builtin_ctzll(others)) / 8;
-    if (count != 0) {
-      // Shifted to the top, the run's digits follow zero bytes, which read as leading zeros.
-      digits = digits * kPowersOfTen[count] + eightDigitsValue(word << (64 - 8 * count));
-    }
-    return next + count;
-  }
-}
-
-// Reads [begin, end) like readLongDecimal, quickly for the numbers documents mostly hold: at
-// most 19 digits in all, so that they fit 64 bits, without an exponent, and a value exact in a
-// double. Other texts are left to readLongDecimal.
-inline bool readShortDecimal(const char* begin, const char* end, double& value) {
-  constexpr ptrdiff_t kDigitsOf64Bits = 19;
-  const char* next = begin;
-  const bool negative = next != end && *next == '-';
-  if (negative) ++next;
-  const char* const integer = next;
-  uint64_t digits = 0;
-  next = readDigits(next, end, digits);
-  // No digit, or a leading zero before another digit: not a strict JSON number.
-  if (next == integer || (*integer == '0' && next - integer > 1)) return false;
-  ptrdiff_t count = next - integer;
-  int exponent = 0;
-  if (next != end && *next == '.') {
-    const char* const fraction = ++next;
-    next = readDigits(next, end, digits);
-    if (next == fraction) return false;
-    count += next - fraction;
-    exponent = -static_cast<int>(next - fraction);
-  }
-  // Too many digits, an exponent, or a text that is not a strict JSON number.
-  if (count > kDigitsOf64Bits || next != end) return readLongDecimal(begin, end, value);
-  double magnitude = 0.0;
-  if (digits != 0 && !exactDecimal(digits, exponent, magnitude)) return false;
-  value = negative ? -magnitude : magnitude;
-  return true;
 }
 
 // The high bit of each byte of `word` that can be part of a number token.
@@ -1005,16 +775,11 @@ inline void Reader::Parse(Array& array, TokenStream& tokens) {
 inline double Reader::parseNumber(const Token& token) {
   const std::string& text = token.value;
   const char* const text_end = text.data() + text.size();
-  if (numbersReadAsInCLocale()) {
-    // from_chars rounds correctly, as the stream does; whatever it does not accept whole takes
-    // the stream path below.
-    double value = 0.0;
-    if (reader_detail::readShortDecimal(text.data(), text_end, value)) return value;
-    const std::from_chars_result result = std::from_chars(text.data(), text_end, value);
-    if (result.ec == std::errc() && result.ptr == text_end) return value;
-  }
-  std::istringstream stream(text);
+  // readDecimal rounds correctly, as the stream does; whatever it does not accept whole takes
+  // the stream path below.
   double value = 0.0;
+  if (numbersReadAsInCLocale() && detail::readDecimal(text.data(), text_end, value)) return value;
+  std::istringstream stream(text);
   stream >> value;
   if (!stream.eof()) {
     const char next = std::istringstream::traits_type::to_char_type(stream.peek());

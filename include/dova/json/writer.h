@@ -4,16 +4,14 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <ios>
 #include <locale>
 #include <ostream>
 #include <string>
 
+#include "dova/json/detail/decimal.h"
 #include "dova/json/elements.h"
 #include "dova/json/string_escapes.h"
 
@@ -84,171 +82,6 @@ void Writer::Write(const ElementTypeT& element, std::ostream& stream, bool inden
   stream.flush();
 }
 
-namespace writer_detail {
-
-__extension__ typedef unsigned __int128 Uint128;
-
-// Room formatNumber needs: the longest %.20g text of a double is 27 characters (sign, 20
-// digits, point, "e-308"), and copies overshoot it.
-constexpr size_t kMaxNumberLength = 48;
-
-constexpr std::array<Uint128, 33> powersOfFive() {
-  std::array<Uint128, 33> powers{};
-  Uint128 power = 1;
-  for (Uint128& entry : powers) {
-    entry = power;
-    power *= 5;
-  }
-  return powers;
-}
-
-// 5^0 to 5^32; times a 53-bit mantissa each stays below 2^128.
-constexpr std::array<Uint128, 33> kPowersOfFive = powersOfFive();
-constexpr uint64_t kTenToTheTen = 10000000000u;
-constexpr Uint128 kTenToTheNineteen = Uint128{10000000000000000000u};
-constexpr Uint128 kTenToTheTwenty = kTenToTheNineteen * 10;
-
-constexpr std::array<char, 200> digitPairs() {
-  std::array<char, 200> pairs{};
-  for (size_t pair = 0; pair < 100; ++pair) {
-    pairs[2 * pair] = static_cast<char>('0' + pair / 10);
-    pairs[2 * pair + 1] = static_cast<char>('0' + pair % 10);
-  }
-  return pairs;
-}
-
-// "00", "01", ..., "99".
-constexpr std::array<char, 200> kDigitPairs = digitPairs();
-
-inline void writeDigitPair(unsigned pair, char* digits) {
-  std::memcpy(digits, kDigitPairs.data() + 2 * pair, 2);
-}
-
-// Writes `value` (below 10^10) as ten digits, with leading zeros. The digit pairs are computed
-// side by side rather than in one chain of divisions.
-inline void writeTenDigits(uint64_t value, char* digits) {
-  const auto rest = static_cast<uint32_t>(value % 100000000);
-  const auto upper = rest / 10000;
-  const auto lower = rest % 10000;
-  writeDigitPair(static_cast<unsigned>(value / 100000000), digits);
-  writeDigitPair(upper / 100, digits + 2);
-  writeDigitPair(upper % 100, digits + 4);
-  writeDigitPair(lower / 100, digits + 6);
-  writeDigitPair(lower % 100, digits + 8);
-}
-
-// Formats `value` as printf's "%.20g" does: the first 20 significant digits of its exact
-// binary value, rounded half to even; fixed notation for decimal exponents from -4 to 19,
-// exponent notation otherwise; trailing zeros dropped. Magnitudes from 1e-13 to 1e20, nearly
-// every number a document holds, are done exactly in 128-bit integers; std::to_chars, which
-// is several times slower, gives the same text for the rest. Returns the end of the text.
-// REQUIRES: `out` has room for kMaxNumberLength characters.
-inline char* formatNumber(double value, char* out) {
-  uint64_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  const bool negative = (bits >> 63) != 0;
-  const double magnitude = std::fabs(value);
-  if (!(magnitude >= 1e-13 && magnitude < 1e20)) {
-    if (magnitude == 0) {
-      if (negative) *out++ = '-';
-      *out++ = '0';
-      return out;
-    }
-    return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20).ptr;
-  }
-
-  // Whole numbers below 2^53 are their own exact digits.
-  if (magnitude < 9007199254740992.0) {
-    const auto whole = static_cast<uint64_t>(magnitude);
-    if (static_cast<double>(whole) == magnitude) {
-      if (negative) *out++ = '-';
-      return std::to_chars(out, out + kMaxNumberLength, whole).ptr;
-    }
-  }
-
-  // value = mantissa * 2^exponent; the range above leaves only normal numbers.
-  const auto biased_exponent = static_cast<int>((bits >> 52) & 0x7FF);
-  const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | (uint64_t{1} << 52);
-  const int exponent = biased_exponent - 1075;
-  // floor(log10(magnitude)) is this estimate or one more: 78913 / 2^18 is log10(2) rounded.
-  int decimal_exponent = ((biased_exponent - 1023) * 78913) >> 18;
-
-  // digits + remainder / 2^shift = magnitude * 10^(19 - decimal_exponent), in [10^19, 10^20).
-  Uint128 digits;
-  Uint128 remainder = 0;
-  int shift = 0;
-  for (;;) {
-    const int scale = 19 - decimal_exponent;
-    if (scale > 32) {
-      return std::to_chars(out, out + kMaxNumberLength, value, std::chars_format::general, 20).ptr;
-    }
-    const Uint128 scaled = Uint128{mantissa} * kPowersOfFive[static_cast<size_t>(scale)];
-    const int twos = exponent + scale;
-    if (twos >= 0) {
-      digits = scaled << twos;
-    } else {
-      shift = -twos;
-      digits = scaled >> shift;
-      remainder = scaled & ((Uint128{1} << shift) - 1);
-    }
-    if (digits < kTenToTheTwenty) break;
-    ++decimal_exponent;
-    remainder = 0;
-    shift = 0;
-  }
-  if (shift > 0) {
-    const Uint128 half = Uint128{1} << (shift - 1);
-    if (remainder > half || (remainder == half && (digits & 1) != 0)) {
-      if (++digits == kTenToTheTwenty) {
-        digits = kTenToTheNineteen;
-        ++decimal_exponent;
-      }
-    }
-  }
-
-  // 10^10 = 2^10 * 5^10: dividing in two steps keeps the division in 64 bits.
-  char text[40] = {};
-  const auto high = static_cast<uint64_t>(digits >> 10) / (kTenToTheTen >> 10);
-  writeTenDigits(high, text);
-  writeTenDigits(static_cast<uint64_t>(digits - Uint128{high} * kTenToTheTen), text + 10);
-  int significant = 20;
-  while (text[significant - 1] == '0') --significant;
-
-  if (negative) *out++ = '-';
-  // Copies text[from, to); the copy is always 20 bytes long, which compiles to two moves.
-  const auto copy = [&out, &text](int from, int to) {
-    std::memcpy(out, text + from, 20);
-    out += to - from;
-  };
-  if (decimal_exponent < -4 || decimal_exponent >= 20) {
-    *out++ = text[0];
-    if (significant > 1) {
-      *out++ = '.';
-      copy(1, significant);
-    }
-    *out++ = 'e';
-    *out++ = decimal_exponent < 0 ? '-' : '+';
-    const int exponent_digits = decimal_exponent < 0 ? -decimal_exponent : decimal_exponent;
-    *out++ = static_cast<char>('0' + exponent_digits / 10);
-    *out++ = static_cast<char>('0' + exponent_digits % 10);
-  } else if (decimal_exponent >= 0) {
-    const int integer_digits = decimal_exponent + 1;
-    copy(0, integer_digits);
-    if (significant > integer_digits) {
-      *out++ = '.';
-      copy(integer_digits, significant);
-    }
-  } else {
-    *out++ = '0';
-    *out++ = '.';
-    for (int zero = -decimal_exponent - 1; zero > 0; --zero) *out++ = '0';
-    copy(0, significant);
-  }
-  return out;
-}
-
-}  // namespace writer_detail
-
 inline void Writer::Write_i(const Object& object) {
   if (object.empty()) {
     append("{}", 2);
@@ -303,9 +136,9 @@ inline void Writer::Visit(const Number& number) {
   if (formatsNumbersPlainly()) {
     // Infinities and NaN deliberately come out as "inf" and "nan", which is not JSON; the
     // writer does not guard against them.
-    if (kBufferSize - buffered_ < writer_detail::kMaxNumberLength) drain();
+    if (kBufferSize - buffered_ < detail::kTwentyDigitsRoom) drain();
     char* const text = buffer_.data() + buffered_;
-    buffered_ += static_cast<size_t>(writer_detail::formatNumber(number.Value(), text) - text);
+    buffered_ += static_cast<size_t>(detail::formatTwentyDigits(number.Value(), text) - text);
   } else {
     drain();
     stream_ << number.Value();
