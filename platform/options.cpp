@@ -40,6 +40,7 @@ std::string commaList(const std::vector<std::string>& items) {
 
 std::vector<std::string> modeNames() {
   std::vector<std::string> names;
+  names.reserve(kModeCount);
   for (int mode = 0; mode < kModeCount; ++mode) names.push_back(std::to_string(mode));
   return names;
 }

@@ -90,7 +90,9 @@ void emitValue(YAML::Emitter& out, const std::vector<double>& values) {
 bool sameDouble(double left, double right) {
   // .nan reads back as a NaN, though not with the same sign or payload bits.
   if (std::isnan(left) || std::isnan(right)) return std::isnan(left) && std::isnan(right);
-  return std::memcmp(&left, &right, sizeof left) == 0;
+  // Bit for bit on purpose: 0.0 and -0.0 compare equal as values but must not here.
+  return std::memcmp(&left, &right, sizeof left) ==
+         0;  // NOLINT(bugprone-suspicious-memory-comparison)
 }
 
 // Whether `root`, read back from the emitted text, holds exactly `value` under `key`.

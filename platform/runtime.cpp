@@ -29,12 +29,12 @@ struct Runtime {
 };
 
 Runtime& runtime() {
-  static Runtime* state = new Runtime;  // never freed: nh() may be called during exit
+  static auto* state = new Runtime;  // never freed: nh() may be called during exit
   return *state;
 }
 
 NodeHandleBase& plainHandle() {
-  static NodeHandleBase* plain = new NodeHandleBase;
+  static auto* plain = new NodeHandleBase;
   return *plain;
 }
 

@@ -56,7 +56,7 @@ struct SinkState {
 };
 
 SinkState& sinkState() {
-  static SinkState* state = new SinkState;  // never freed: traces may come from exit handlers
+  static auto* state = new SinkState;  // never freed: traces may come from exit handlers
   return *state;
 }
 

@@ -25,7 +25,7 @@ constexpr Registration kTransports[] = {
 };
 
 const Registration* registrationOf(const std::string& name) {
-  const auto found =
+  const auto* const found =
       std::find_if(std::begin(kTransports), std::end(kTransports),
                    [&name](const Registration& entry) { return name == entry.name; });
   return found == std::end(kTransports) ? nullptr : found;

@@ -27,7 +27,7 @@ struct Events {
 };
 
 Events& events() {
-  static Events* shared = new Events;
+  static auto* shared = new Events;
   return *shared;
 }
 

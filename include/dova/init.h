@@ -33,9 +33,8 @@ NodeHandleBase* setNodeHandle(NodeHandleBase* handle);
 // starts); 0 on the local transport or when the middleware is not running.
 int remoteSubscriberCount(const std::string& topic);
 
-// The sender's node name from a frame's 32-byte transport prefix: the bytes
-// up to the first NUL, or all 32 when there is none; "" when `len` < 32.
-std::string getCallerId(uint8_t* data, int len);
+// getCallerId(data, len), the sender's node name from a frame's transport
+// prefix, is declared with the node handle in dova/os/node_handle_base.h.
 
 }  // namespace dova
 

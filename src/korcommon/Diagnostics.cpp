@@ -68,7 +68,8 @@ void Diagnostics::publish(const std::string& name, const std::string& frame_id, 
   dova::nh()->diag(value);
 }
 
-void Diagnostics::subscribe(Callback callback) {
+void Diagnostics::subscribe(
+    Callback callback) {  // NOLINT(performance-unnecessary-value-param): the API's signature
   if (!dova::nh()->ok()) {
     mtrace(Log::ERROR, __FILE__, __LINE__, "subscribe", "Please init dova!");
     return;

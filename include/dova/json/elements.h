@@ -18,8 +18,7 @@
 #include <type_traits>
 #include <utility>
 
-namespace dova {
-namespace json {
+namespace dova::json {
 
 // Base of every error the JSON documents raise; what() is the message.
 class Exception : public std::runtime_error {
@@ -550,13 +549,13 @@ inline Object::iterator Object::Insert(Member&& member, iterator where) {
 }
 
 inline UnknownElement& Object::operator[](const std::string& name) {
-  iterator found = Find(name);
+  auto found = Find(name);
   if (found == end()) found = members_.insert(end(), Member(name));
   return found->element;
 }
 
 inline const UnknownElement& Object::operator[](const std::string& name) const {
-  const_iterator found = Find(name);
+  auto found = Find(name);
   if (found == end()) throw Exception("Object member not found: " + name);
   return found->element;
 }
@@ -589,7 +588,6 @@ inline const UnknownElement& Array::operator[](size_t index) const {
   return elements_[index];
 }
 
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json
 
 #endif  // DOVA_JSON_ELEMENTS_H_

@@ -6,8 +6,7 @@
 #include <array>
 #include <cstddef>
 
-namespace dova {
-namespace json {
+namespace dova::json {
 namespace string_escapes {
 
 constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
@@ -94,7 +93,6 @@ inline SpecialPiece specialPiece(const unsigned char* bytes, size_t left) {
 }
 
 }  // namespace string_escapes
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json
 
 #endif  // DOVA_JSON_STRING_ESCAPES_H_

@@ -36,7 +36,7 @@ class ThreadPool {
   // What the workers share with the pool object. Each worker holds it too, so
   // a worker that outlives the bounded wait of the destructor still finds it.
   struct State {
-    State(const std::string& pool_name, int threads) : name(pool_name), thread_count(threads) {}
+    State(std::string pool_name, int threads) : name(std::move(pool_name)), thread_count(threads) {}
 
     std::deque<std::function<void()>> tasks;
     std::mutex queue_mutex;
@@ -164,7 +164,10 @@ class ThreadPool {
     }
   }
 
-  static void thread_loop(std::shared_ptr<State> state, int index) {
+  // The worker holds its own reference to the state for as long as it runs.
+  static void thread_loop(
+      std::shared_ptr<State> state,  // NOLINT(performance-unnecessary-value-param)
+      int index) {
     prctl(PR_SET_NAME, threadName(*state, index).c_str(), 0, 0, 0);
     pinToConfiguredCpu();
     if (!state->running) return;
