@@ -147,7 +147,8 @@ bool parseConversion(const char*& cursor, va_list* arguments, Conversion& conver
 
 // The argument of a signed conversion, narrowed as printf narrows it.
 long long signedArgument(Length length, va_list* arguments) {
-  switch (length) {
+  // Each length reads its own type; on LP64 several of them are the same type.
+  switch (length) {  // NOLINT(bugprone-branch-clone)
     case Length::kChar:
       return static_cast<signed char>(va_arg(*arguments, int));
     case Length::kShort:
@@ -170,7 +171,8 @@ long long signedArgument(Length length, va_list* arguments) {
 
 // The argument of an unsigned conversion, narrowed as printf narrows it.
 unsigned long long unsignedArgument(Length length, va_list* arguments) {
-  switch (length) {
+  // Each length reads its own type; on LP64 several of them are the same type.
+  switch (length) {  // NOLINT(bugprone-branch-clone)
     case Length::kChar:
       return static_cast<unsigned char>(va_arg(*arguments, unsigned));
     case Length::kShort:
@@ -197,7 +199,7 @@ unsigned long long unsignedArgument(Length length, va_list* arguments) {
 // fifth of a whole short message.
 [[gnu::always_inline]] inline void appendPadded(BoundedOutput& output, const Conversion& conversion,
                                                 const char* text, size_t length, bool numeric) {
-  const size_t width = static_cast<size_t>(conversion.width);
+  const auto width = static_cast<size_t>(conversion.width);
   if (width <= length) {
     output.append(text, length);
     return;

@@ -10,8 +10,7 @@
 
 #include "dova/json/elements.h"
 
-namespace dova {
-namespace json {
+namespace dova::json {
 namespace detail {
 class InputStream;
 }  // namespace detail
@@ -120,8 +119,7 @@ class Reader {
   enum class LocaleCheck { kUnchecked, kPlain, kLocalised } locale_check_ = LocaleCheck::kUnchecked;
 };
 
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json
 
 // The scanning and parsing behind Reader, header code like the rest of the library.
 #include "dova/json/detail/reader_impl.h"

@@ -6,8 +6,7 @@
 #include <array>
 #include <cstddef>
 
-namespace dova::json {
-namespace string_escapes {
+namespace dova::json::string_escapes {
 
 constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
@@ -92,7 +91,6 @@ inline SpecialPiece specialPiece(const unsigned char* bytes, size_t left) {
   return {SpecialPiece::kRaw, 1};
 }
 
-}  // namespace string_escapes
-}  // namespace dova::json
+}  // namespace dova::json::string_escapes
 
 #endif  // DOVA_JSON_STRING_ESCAPES_H_

@@ -15,8 +15,7 @@
 #include "dova/json/elements.h"
 #include "dova/json/string_escapes.h"
 
-namespace dova {
-namespace json {
+namespace dova::json {
 
 // Writes a document to a stream in the compact layout (no whitespace at all) or the indented
 // one (a line per member or element, tab indentation). The compact text is a wire format: it
@@ -90,7 +89,7 @@ inline void Writer::Write_i(const Object& object) {
   put('{');
   if (indented_) writeNewline();
   ++tab_depth_;
-  for (Object::const_iterator member = object.begin(); member != object.end();) {
+  for (auto member = object.begin(); member != object.end();) {
     if (indented_) writeTabs();
     writeString(member->name);
     if (indented_) {
@@ -115,7 +114,7 @@ inline void Writer::Write_i(const Array& array) {
   put('[');
   if (indented_) writeNewline();
   ++tab_depth_;
-  for (Array::const_iterator element = array.begin(); element != array.end();) {
+  for (auto element = array.begin(); element != array.end();) {
     if (indented_) writeTabs();
     element->Accept(*this);
     if (++element != array.end()) put(',');
@@ -267,7 +266,6 @@ inline bool Writer::hasPlainLocale() {
   return locale_check_ == LocaleCheck::kPlain;
 }
 
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json
 
 #endif  // DOVA_JSON_WRITER_H_

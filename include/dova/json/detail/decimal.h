@@ -18,11 +18,9 @@
 #include <limits>
 #include <system_error>
 
-namespace dova {
-namespace json {
-namespace detail {
+namespace dova::json::detail {
 
-__extension__ typedef unsigned __int128 Uint128;
+__extension__ using Uint128 = unsigned __int128;
 
 // Reads all of [begin, end) as a decimal number into `value`, correctly rounded. False, leaving
 // `value`, when the text is not one number from end to end or its value is beyond the range of
@@ -95,7 +93,7 @@ constexpr std::array<char, 200> kDigitPairs = [] {
 // side by side rather than in one chain of divisions.
 inline void writeTenDigits(uint64_t value, char* digits) {
   const auto writePair = [](unsigned pair, char* to) {
-    std::memcpy(to, kDigitPairs.data() + 2 * pair, 2);
+    std::memcpy(to, kDigitPairs.data() + 2 * static_cast<size_t>(pair), 2);
   };
   const auto rest = static_cast<uint32_t>(value % 100000000);
   const auto upper = rest / 10000;
@@ -118,7 +116,7 @@ constexpr size_t kTwentyDigitsRoom = 48;
 // Returns the end of the text.
 // REQUIRES: `out` has room for kTwentyDigitsRoom characters.
 inline char* formatTwentyDigits(double value, char* out) {
-  constexpr Uint128 kTenToTheNineteen = Uint128{10000000000000000000u};
+  constexpr auto kTenToTheNineteen = Uint128{10000000000000000000u};
   constexpr Uint128 kTenToTheTwenty = kTenToTheNineteen * 10;
   constexpr uint64_t kTenToTheTen = 10000000000u;
   const double magnitude = std::fabs(value);
@@ -277,8 +275,6 @@ inline char* formatFixed(double value, int precision, char* out) {
   return out;
 }
 
-}  // namespace detail
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json::detail
 
 #endif  // DOVA_JSON_DETAIL_DECIMAL_H_

@@ -7,9 +7,7 @@
 #include <istream>
 #include <streambuf>
 
-namespace dova {
-namespace json {
-namespace detail {
+namespace dova::json::detail {
 
 // Reaches the get area of any stream buffer through pointers to its protected members, which
 // a derived class may form, so that the reader scans buffered text in place.
@@ -129,8 +127,6 @@ class InputStream {
   uint32_t line_start_ = 0;  // offset() after the last line feed
 };
 
-}  // namespace detail
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json::detail
 
 #endif  // DOVA_JSON_DETAIL_INPUT_STREAM_H_

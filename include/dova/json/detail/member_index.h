@@ -10,9 +10,7 @@
 
 #include "dova/json/elements.h"
 
-namespace dova {
-namespace json {
-namespace detail {
+namespace dova::json::detail {
 
 // Answers whether a name is already a member of an object being read. A 64-bit filter of the
 // names seen answers most questions at once; the members are searched only when it cannot.
@@ -55,8 +53,6 @@ class MemberIndex {
   std::unordered_set<std::string_view> names_;
 };
 
-}  // namespace detail
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json::detail
 
 #endif  // DOVA_JSON_DETAIL_MEMBER_INDEX_H_

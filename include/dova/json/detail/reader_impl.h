@@ -20,8 +20,7 @@
 #include "dova/json/detail/scanners.h"
 #include "dova/json/reader.h"
 
-namespace dova {
-namespace json {
+namespace dova::json {
 namespace detail {
 
 // The type of the token each character starts, or -1 when none does.
@@ -132,7 +131,7 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
     // The token's type is looked up by its first character. Punctuation, most of the tokens
     // and the first six types, is told apart by one well predicted branch; the rest dispatch
     // through a jump table.
-    const int started = detail::kStartedTokens[static_cast<size_t>(code)];
+    const int8_t started = detail::kStartedTokens[static_cast<size_t>(code)];
     if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), locationOf(input));
     token.type = static_cast<Token::Type>(started);
     if (started <= Token::Colon) {
@@ -381,7 +380,7 @@ inline void Reader::Parse(Object& object, TokenStream& tokens) {
       const bool taken = names.contains(name);
       // The value is parsed straight into a new last member, which goes again when the value
       // fails or the name is taken: only complete members stay in the object.
-      const Object::iterator member = object.appendUnchecked(std::move(name));
+      const auto member = object.appendUnchecked(std::move(name));
       try {
         Parse(member->element, tokens);
         // A repeated name is an error, never resolved in favour of either value.
@@ -455,7 +454,6 @@ inline bool Reader::numbersReadAsInCLocale() {
   return locale_check_ == LocaleCheck::kPlain;
 }
 
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json
 
 #endif  // DOVA_JSON_DETAIL_READER_IMPL_H_

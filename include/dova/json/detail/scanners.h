@@ -8,9 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace dova {
-namespace json {
-namespace detail {
+namespace dova::json::detail {
 
 // isspace in the C locale: space, and tab to carriage return.
 constexpr bool isSpace(int code) { return code == ' ' || (code >= '\t' && code <= '\r'); }
@@ -108,8 +106,6 @@ inline const char* findNumberRunEnd(const char* begin, const char* end) {
   return begin;
 }
 
-}  // namespace detail
-}  // namespace json
-}  // namespace dova
+}  // namespace dova::json::detail
 
 #endif  // DOVA_JSON_DETAIL_SCANNERS_H_
