@@ -91,8 +91,8 @@ bool sameDouble(double left, double right) {
   // .nan reads back as a NaN, though not with the same sign or payload bits.
   if (std::isnan(left) || std::isnan(right)) return std::isnan(left) && std::isnan(right);
   // Bit for bit on purpose: 0.0 and -0.0 compare equal as values but must not here.
-  return std::memcmp(&left, &right, sizeof left) ==
-         0;  // NOLINT(bugprone-suspicious-memory-comparison)
+  // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+  return std::memcmp(&left, &right, sizeof left) == 0;
 }
 
 // Whether `root`, read back from the emitted text, holds exactly `value` under `key`.

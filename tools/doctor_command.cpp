@@ -233,7 +233,7 @@ Check checkTrace() {
     check.status = Check::kWarn;
     check.detail += ", DOVA_LOG_SIZE=" + quoted(environment("DOVA_LOG_SIZE")) + " ignored (" +
                     default_size + ")";
-    hints.push_back("DOVA_LOG_SIZE takes a positive byte count");
+    hints.emplace_back("DOVA_LOG_SIZE takes a positive byte count");
   }
 
   const bool screen = isSet("DOVA_LOG_SCREEN") && readAsLogger(environment("DOVA_LOG_SCREEN")) == 1;

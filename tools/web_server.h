@@ -21,10 +21,10 @@ bool isLoopbackHost(const std::string& host);
 
 struct ServerOptions {
   std::string bind = "127.0.0.1";
-  int port = 8080;              // 0: any free port
-  std::string token;            // when set, every request must present it
-  size_t max_streams = 16;      // event streams open at once
-  size_t max_body = 64 * 1024;  // larger request bodies are refused
+  int port = 8080;                      // 0: any free port
+  std::string token;                    // when set, every request must present it
+  size_t max_streams = 16;              // event streams open at once
+  size_t max_body = size_t{64} * 1024;  // larger request bodies are refused
 };
 
 // The dashboard's HTTP server: the page's files and the read-only API over a DashboardState.

@@ -148,7 +148,8 @@ bool parseConversion(const char*& cursor, va_list* arguments, Conversion& conver
 // The argument of a signed conversion, narrowed as printf narrows it.
 long long signedArgument(Length length, va_list* arguments) {
   // Each length reads its own type; on LP64 several of them are the same type.
-  switch (length) {  // NOLINT(bugprone-branch-clone)
+  // NOLINTBEGIN(bugprone-branch-clone)
+  switch (length) {
     case Length::kChar:
       return static_cast<signed char>(va_arg(*arguments, int));
     case Length::kShort:
@@ -166,13 +167,15 @@ long long signedArgument(Length length, va_list* arguments) {
     case Length::kDefault:
       break;
   }
+  // NOLINTEND(bugprone-branch-clone)
   return va_arg(*arguments, int);
 }
 
 // The argument of an unsigned conversion, narrowed as printf narrows it.
 unsigned long long unsignedArgument(Length length, va_list* arguments) {
   // Each length reads its own type; on LP64 several of them are the same type.
-  switch (length) {  // NOLINT(bugprone-branch-clone)
+  // NOLINTBEGIN(bugprone-branch-clone)
+  switch (length) {
     case Length::kChar:
       return static_cast<unsigned char>(va_arg(*arguments, unsigned));
     case Length::kShort:
@@ -190,6 +193,7 @@ unsigned long long unsignedArgument(Length length, va_list* arguments) {
     case Length::kDefault:
       break;
   }
+  // NOLINTEND(bugprone-branch-clone)
   return va_arg(*arguments, unsigned);
 }
 
