@@ -55,7 +55,10 @@ bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseco
   for (;;) {
     if (output().find(text) != std::string::npos) return true;
     if (pid_ <= 0 || reaped_ || Clock::now() >= deadline) return false;
-    if (waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == pid_) {
+    // WNOWAIT leaves the ended child to wait(); waitpid() would refuse the flag.
+    siginfo_t ended{};
+    if (waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        ended.si_pid == pid_) {
       return output().find(text) != std::string::npos;  // ended: one last look
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
