@@ -13,13 +13,12 @@
 //    set() must succeed when the value and the whole file are printable ASCII and the file has
 //    no escapes, no aliases and no collections as mapping keys.
 //  - No temporary file is ever left behind.
-#include <unistd.h>
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -29,7 +28,6 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <type_traits>
 #include <vector>
 
 #include "dova/param.h"
@@ -43,40 +41,46 @@ namespace fs = std::filesystem;
 // specially.
 const char* const kKeys[] = {"sn", "joint_offset", "joint_limit", "", "~"};
 
-fs::path& privateDirectory() {
-  static fs::path directory;
-  return directory;
+// A directory of this process's own under the temporary directory, removed at exit.
+struct PrivateDirectory {
+  fs::path path;
+  PrivateDirectory() {
+    std::error_code error;
+    const fs::path base = fs::temp_directory_path(error);
+    std::string pattern = (error ? fs::path("/tmp") : base) / "korcommon-param-fuzz-XXXXXX";
+    FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr, "cannot create " + pattern);
+    path = fs::canonical(pattern);
+  }
+  ~PrivateDirectory() {
+    std::error_code error;
+    fs::remove_all(path, error);
+  }
+};
+
+const fs::path& parameterFile() {
+  static const PrivateDirectory directory;
+  static const fs::path file = directory.path / "param.yaml";
+  // Never anywhere near the important data, whatever TMPDIR says.
+  FUZZ_CHECK(file.string().rfind("/opt", 0) != 0, "refusing to work under /opt");
+  return file;
 }
 
-void removePrivateDirectory() {
-  std::error_code error;
-  if (!privateDirectory().empty()) fs::remove_all(privateDirectory(), error);
-}
-
-fs::path parameterFile() { return privateDirectory() / "param.yaml"; }
-
-std::string fileContent(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
+std::string fileContent() {
+  std::ifstream file(parameterFile(), std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const fs::path& path, const uint8_t* data, size_t size) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  FUZZ_CHECK(file.good(), "cannot write the input file " + path.string());
 }
 
 // A runtime_error of Param must say which file it is about.
 void checkNamesFile(const std::runtime_error& error) {
-  const std::string prefix = parameterFile().string() + ": ";
-  FUZZ_CHECK(std::string(error.what()).rfind(prefix, 0) == 0,
+  FUZZ_CHECK(std::string(error.what()).rfind(parameterFile().string() + ": ", 0) == 0,
              std::string("an error that does not name the file: ") + error.what());
 }
 
-// Numbers as comparable text: their bits, or "nan" (written as .nan, which keeps neither sign
-// nor payload).
-std::string numbersText(const std::vector<double>& numbers) {
-  std::string text;
+// A value as comparable text: numbers by their bits, or "nan" (written as .nan, which keeps
+// neither sign nor payload).
+std::string shown(const std::string& text) { return "text " + text; }
+std::string shown(const std::vector<double>& numbers) {
+  std::string text = "numbers";
   for (const double number : numbers) {
     uint64_t bits = 0;
     std::memcpy(&bits, &number, sizeof bits);
@@ -85,67 +89,47 @@ std::string numbersText(const std::vector<double>& numbers) {
   return text;
 }
 
-// What get() answers for each key, as text and as numbers: found, absent or thrown.
+// What get() answers for each key, as text and as numbers: the value, absent or thrown.
 std::vector<std::string> askAll(const dova::Param& param) {
   std::vector<std::string> all;
+  const auto ask = [&param](const char* key, auto value) {
+    try {
+      return param.get(key, value) ? shown(value) : "absent";
+    } catch (const std::runtime_error& error) {
+      checkNamesFile(error);
+      return std::string("thrown");
+    }
+  };
   for (const char* key : kKeys) {
-    std::string answers;
-    std::string text;
-    std::vector<double> numbers;
-    try {
-      answers += param.get(key, text) ? "|text " + text : "|no text";
-    } catch (const std::runtime_error& error) {
-      checkNamesFile(error);
-      answers += "|text thrown";
-    }
-    try {
-      answers += param.get(key, numbers) ? "|numbers" + numbersText(numbers) : "|no numbers";
-    } catch (const std::runtime_error& error) {
-      checkNamesFile(error);
-      answers += "|numbers thrown";
-    }
-    all.push_back(answers);
+    all.push_back(ask(key, std::string()) + "|" + ask(key, std::vector<double>()));
   }
   return all;
 }
 
 // Printable ASCII, tab and line feed: text any YAML emitter writes back as it was.
 bool isPlainText(const std::string& text) {
-  for (const char character : text) {
-    if ((character < 0x20 || character > 0x7E) && character != '\t' && character != '\n') {
+  return std::all_of(text.begin(), text.end(), [](char character) {
+    return (character >= 0x20 && character <= 0x7E) || character == '\t' || character == '\n';
+  });
+}
+
+// Whether every mapping key in `node` is a scalar. yaml-cpp's emitter mishandles collections as
+// keys (after "[a, b]: 1" it indents a following "{}: 2" into text it refuses to read), and
+// set() must refuse such documents rather than write them.
+// REQUIRES: the document has no aliases, which could make the walk loop.
+bool hasOnlyScalarKeys(const YAML::Node& node) {
+  if (!node.IsMap() && !node.IsSequence()) return true;
+  for (const auto& entry : node) {
+    if (node.IsMap() ? !entry.first.IsScalar() || !hasOnlyScalarKeys(entry.second)
+                     : !hasOnlyScalarKeys(static_cast<const YAML::Node&>(entry))) {
       return false;
     }
   }
   return true;
 }
 
-// Whether every mapping key in `node` is a scalar. yaml-cpp's emitter mishandles collections as
-// keys (after "[a, b]: 1" it indents a following "{}: 2" into text it refuses to read), and
-// set() must refuse such documents rather than write them.
-bool hasOnlyScalarKeys(const YAML::Node& node) {
-  if (node.IsMap()) {
-    for (const auto& entry : node) {
-      if (!entry.first.IsScalar() || !hasOnlyScalarKeys(entry.second)) return false;
-    }
-  } else if (node.IsSequence()) {
-    for (const YAML::Node& element : node) {
-      if (!hasOnlyScalarKeys(element)) return false;
-    }
-  }
-  return true;
-}
-
-// REQUIRES: `content` has no aliases, which could make the walk loop.
-bool hasOnlyScalarKeys(const std::string& content) {
-  try {
-    return hasOnlyScalarKeys(YAML::Load(content));
-  } catch (const YAML::Exception&) {
-    return false;
-  }
-}
-
 void checkNoStrayFiles() {
-  for (const fs::directory_entry& entry : fs::directory_iterator(privateDirectory())) {
+  for (const fs::directory_entry& entry : fs::directory_iterator(parameterFile().parent_path())) {
     FUZZ_CHECK(entry.path() == parameterFile(),
                "a file was left behind: " + entry.path().filename().string());
   }
@@ -157,63 +141,43 @@ void checkNoStrayFiles() {
 template <typename Value>
 void checkSet(dova::Param& param, const std::string& key, const Value& value, bool must_store) {
   const std::vector<std::string> before = askAll(param);
-  const std::string content_before = fileContent(parameterFile());
+  const std::string content_before = fileContent();
   try {
     param.set(key, value);
   } catch (const std::runtime_error& error) {
     checkNamesFile(error);
     FUZZ_CHECK(!must_store, "set() of " + key + " failed: " + error.what());
-    FUZZ_CHECK(fileContent(parameterFile()) == content_before, "a failed set() changed the file");
+    FUZZ_CHECK(fileContent() == content_before, "a failed set() changed the file");
     FUZZ_CHECK(askAll(param) == before, "a failed set() changed the document");
     checkNoStrayFiles();
     return;
   }
   checkNoStrayFiles();
-  std::unique_ptr<dova::Param> reopened;
+  std::vector<std::string> after;
+  Value back{};
   try {
-    reopened = std::make_unique<dova::Param>(parameterFile().string());
+    const dova::Param reopened(parameterFile().string());
+    after = askAll(reopened);
+    FUZZ_CHECK(reopened.get(key, back), "the value set() stored is missing");
   } catch (const std::runtime_error& error) {
     FUZZ_CHECK(false, "the file set() wrote does not load: " + std::string(error.what()));
   }
-  const std::vector<std::string> after = askAll(*reopened);
+  FUZZ_CHECK(shown(back) == shown(value), "set() stored " + shown(back) + " for " + key);
   FUZZ_CHECK(askAll(param) == after, "the document and the file it wrote disagree");
   for (size_t index = 0; index < after.size(); ++index) {
     FUZZ_CHECK(kKeys[index] == key || after[index] == before[index],
                std::string("set() changed the key \"") + kKeys[index] + "\"");
   }
-  Value back;
-  FUZZ_CHECK(reopened->get(key, back), "the value set() stored is missing");
-  if constexpr (std::is_same_v<Value, std::string>) {
-    FUZZ_CHECK(back == value, "set() stored \"" + back + "\" for " + key);
-  } else {
-    FUZZ_CHECK(numbersText(back) == numbersText(value), "set() stored other numbers for " + key);
-  }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  std::error_code error;
-  const fs::path base = fs::temp_directory_path(error);
-  std::string pattern = (error ? fs::path("/tmp") : base) / "korcommon-param-fuzz-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    std::perror("param fuzzer: mkdtemp");
-    std::exit(1);
-  }
-  privateDirectory() = fs::canonical(pattern);
-  // Never anywhere near the important data, whatever TMPDIR says.
-  if (privateDirectory().string().rfind("/opt", 0) == 0) {
-    std::fprintf(stderr, "param fuzzer: refusing to work under /opt\n");
-    removePrivateDirectory();
-    std::exit(1);
-  }
-  std::atexit(removePrivateDirectory);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  writeFile(parameterFile(), data, size);
-
+  {
+    std::ofstream file(parameterFile(), std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    FUZZ_CHECK(file.good(), "cannot write the input file");
+  }
   std::unique_ptr<dova::Param> param;
   try {
     param = std::make_unique<dova::Param>(parameterFile().string());
@@ -222,22 +186,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkNoStrayFiles();
     return 0;
   }
-  askAll(*param);
 
   // Values from the input itself: its last bytes as a serial number, its first as doubles.
-  const size_t text_size = size < 24 ? size : 24;
+  const size_t text_size = std::min<size_t>(size, 24);
   const std::string serial_number(reinterpret_cast<const char*>(data) + (size - text_size),
                                   text_size);
-  std::vector<double> numbers(size / sizeof(double) < 4 ? size / sizeof(double) : 4);
+  std::vector<double> numbers(std::min<size_t>(size / sizeof(double), 4));
   if (!numbers.empty()) std::memcpy(numbers.data(), data, numbers.size() * sizeof(double));
 
   // Every value of a plain file without escapes (which can spell any code point), without
   // aliases (which can multiply a tree beyond what set() compares) and without collections as
   // keys can be written back.
   const std::string content(reinterpret_cast<const char*>(data), size);
-  const bool rewritable = isPlainText(content) &&
-                          content.find_first_of("\\*") == std::string::npos &&
-                          hasOnlyScalarKeys(content);
+  bool rewritable = isPlainText(content) && content.find_first_of("\\*") == std::string::npos;
+  try {
+    rewritable = rewritable && hasOnlyScalarKeys(YAML::Load(content));
+  } catch (const YAML::Exception&) {
+    rewritable = false;
+  }
   checkSet(*param, "sn", serial_number, rewritable && isPlainText(serial_number));
   checkSet(*param, "joint_offset", numbers, rewritable);
   return 0;
