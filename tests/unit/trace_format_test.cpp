@@ -1,7 +1,6 @@
-// formatTrace against std::vsnprintf itself: every case formats the same
-// format and arguments with both into buffers of several sizes and compares
-// the bytes, so any difference from glibc, in the text or in where it is cut,
-// fails here.
+// formatTrace against std::vsnprintf itself: every case formats the same format and arguments
+// with both into buffers of many sizes and compares the bytes, so any difference from glibc, in
+// the text or in where it is cut, fails here. The cases are the rows of tests/data/trace.
 #include "korcommon/trace_format.h"
 
 #include <gtest/gtest.h>
@@ -11,61 +10,45 @@
 #include <cfenv>
 #include <cfloat>
 #include <climits>
-#include <cmath>
 #include <cstdarg>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <limits>
-#include <random>
+#include <sstream>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "scoped_env.h"
+#include "table_rows.h"
 
 namespace korcommon::detail {
 namespace {
 
-// The buffer sizes a format is checked at.
-enum class Sizes {
-  // 1 up to one past the text's length, then 256: a cut at every byte.
-  kEvery,
-  // 1, 2, the middle of the text, one byte short, the exact fit and 256.
-  kSample,
-};
-
-constexpr size_t kGuardBytes = 16;
 constexpr char kUntouched = '\x5a';
 
-// Both functions into buffers of `size` bytes: every byte vsnprintf wrote,
-// its terminator included, must match, and formatTrace must leave the bytes
-// past `size` alone.
+// Both functions into a buffer of `size` bytes: every byte vsnprintf wrote, its terminator
+// included, must match, and formatTrace must leave the 16 bytes past `size` alone.
 __attribute__((format(printf, 2, 0))) ::testing::AssertionResult matchesAtSize(size_t size,
                                                                                const char* format,
                                                                                va_list arguments) {
-  std::vector<char> expected(size + kGuardBytes, kUntouched);
-  std::vector<char> actual(size + kGuardBytes, kUntouched);
-  va_list for_expected;
-  va_copy(for_expected, arguments);
-  const int length = std::vsnprintf(expected.data(), size, format, for_expected);
-  va_end(for_expected);
-  va_list for_actual;
-  va_copy(for_actual, arguments);
-  formatTrace(actual.data(), size, format, for_actual);
-  va_end(for_actual);
-
-  // -1 reports a character the locale cannot encode; what came before it is
-  // still written and terminated.
+  std::vector<char> expected(size + 16, kUntouched);
+  std::vector<char> actual(expected);
+  va_list copy;
+  va_copy(copy, arguments);
+  const int length = std::vsnprintf(expected.data(), size, format, copy);
+  va_end(copy);
+  va_copy(copy, arguments);
+  formatTrace(actual.data(), size, format, copy);
+  va_end(copy);
+  // -1 reports a character the locale cannot encode; what came before it is still written.
   const size_t written = length < 0 ? std::strlen(expected.data()) + 1
                                     : std::min(static_cast<size_t>(length), size - 1) + 1;
-  const bool same_text = std::memcmp(expected.data(), actual.data(), written) == 0;
-  const bool guard_kept = std::all_of(actual.data() + size, actual.data() + actual.size(),
+  const bool guard_kept = std::all_of(actual.begin() + static_cast<ptrdiff_t>(size), actual.end(),
                                       [](char c) { return c == kUntouched; });
-  if (same_text && guard_kept) return ::testing::AssertionSuccess();
+  if (guard_kept && std::memcmp(expected.data(), actual.data(), written) == 0) {
+    return ::testing::AssertionSuccess();
+  }
   return ::testing::AssertionFailure()
          << "format \"" << format << "\" into " << size << " bytes:\n  vsnprintf   "
          << ::testing::PrintToString(std::string(expected.data(), written)) << "\n  formatTrace "
@@ -73,232 +56,151 @@ __attribute__((format(printf, 2, 0))) ::testing::AssertionResult matchesAtSize(s
          << (guard_kept ? "" : "\n  and formatTrace wrote past the buffer");
 }
 
+// Sizes 1, 2, the middle, one byte short, the exact fit and a roomy buffer, and for texts shorter
+// than `every_cut_below` a cut at every byte.
 __attribute__((format(printf, 2, 3))) ::testing::AssertionResult matchesVsnprintf(
-    Sizes sizes, const char* format, ...) {
+    size_t every_cut_below, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   va_list measuring;
   va_copy(measuring, arguments);
   const int measured = std::vsnprintf(nullptr, 0, format, measuring);
   va_end(measuring);
-  // -1 reports a character the locale cannot encode; the sizes then reach
-  // well past where vsnprintf stopped.
+  // -1 reports a character the locale cannot encode: the sizes reach well past where it stopped.
   const size_t length = measured < 0 ? 64 : static_cast<size_t>(measured);
-
-  std::vector<size_t> checked;
-  if (sizes == Sizes::kEvery) {
-    for (size_t size = 1; size <= length + 1; ++size) checked.push_back(size);
-  } else {
-    checked = {1, 2, length / 2 + 1, std::max<size_t>(length, 1), length + 1};
-  }
-  checked.push_back(256);
-
+  std::vector<size_t> sizes = {1, 2, length / 2 + 1, std::max<size_t>(length, 1), length + 1, 256};
+  for (size_t size = 3; length < every_cut_below && size < length; ++size) sizes.push_back(size);
   ::testing::AssertionResult result = ::testing::AssertionSuccess();
-  for (const size_t size : checked) {
-    result = matchesAtSize(size, format, arguments);
-    if (!result) break;
+  for (size_t at = 0; result && at < sizes.size(); ++at) {
+    result = matchesAtSize(sizes[at], format, arguments);
   }
   va_end(arguments);
   return result;
 }
 
-#define EXPECT_EVERY_CUT_MATCHES(...) EXPECT_TRUE(matchesVsnprintf(Sizes::kEvery, __VA_ARGS__))
-
-// The format hidden from the compiler's checks, which reject forms printf
-// defines (a '0' flag beside '-' or on %s, an int that %hhd narrows) as well
-// as the ones it does not.
-const char* unchecked(const char* format) { return format; }
-
-TEST(TraceFormat, IntegersMatchVsnprintf) {
-  EXPECT_EVERY_CUT_MATCHES("joint %d of %i, step %u", 3, -12, 4000000000U);
-  EXPECT_EVERY_CUT_MATCHES("%d %d %u", INT_MIN, INT_MAX, UINT_MAX);
-  EXPECT_EVERY_CUT_MATCHES("%ld %lu %lld %llu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX);
-  EXPECT_EVERY_CUT_MATCHES("%zu %zd %jd %ju %td %tu", SIZE_MAX, static_cast<ssize_t>(-1),
-                           INTMAX_MIN, UINTMAX_MAX, static_cast<ptrdiff_t>(-7),
-                           static_cast<size_t>(PTRDIFF_MAX) + 1);
-  // hh and h narrow the promoted argument, as printf does.
-  EXPECT_EVERY_CUT_MATCHES(unchecked("%hhd %hhu %hd %hu %hhx %ho"), 300, 300, 70000, 70000, -1, -1);
-  EXPECT_EVERY_CUT_MATCHES("%x %X %o %#x", 0xbeefU, 0xbeefU, 8U, 0U);
-  EXPECT_EVERY_CUT_MATCHES(unchecked("[%5d|%-5d|%05d|%-05d|%0-5d|%00005d]"), -42, -42, -42, -42, 42,
-                           42);
-  EXPECT_EVERY_CUT_MATCHES("[%08X|%-8o|%3u|%1d|%0d]", 0xabcU, 8U, 123456U, -5, 0);
-  // A negative '*' width is the '-' flag.
-  EXPECT_EVERY_CUT_MATCHES("[%*d|%*d|%0*d|%-*x]", 6, 17, -6, 17, 6, -17, 4, 255U);
+// A row's `ints`, then its `values`. printf ignores arguments past those the format reads, so
+// every row passes eight values.
+template <typename ValueT, typename... Ints>
+::testing::AssertionResult matchesWith(const char* format, const std::vector<int>& ints,
+                                       const std::vector<ValueT>& v, Ints... leading) {
+  if constexpr (sizeof...(Ints) < 4) {
+    if (sizeof...(Ints) < ints.size())
+      return matchesWith(format, ints, v, leading..., ints[sizeof...(Ints)]);
+  }
+  return matchesVsnprintf(1024, format, leading..., v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
 }
 
-TEST(TraceFormat, FloatsMatchVsnprintf) {
-  EXPECT_EVERY_CUT_MATCHES("joint %d temperature %.1f C", 3, 71.5);
-  // Ties of the exact binary value round to even, not away from zero.
-  EXPECT_EVERY_CUT_MATCHES("%.0f %.0f %.0f %.0f %.0f", 0.5, 1.5, 2.5, 3.5, -2.5);
-  EXPECT_EVERY_CUT_MATCHES("%.2f %.2f %.1f %.1f %.2f", 0.125, 0.375, 0.25, 0.35, 1.005);
-  EXPECT_EVERY_CUT_MATCHES("%f %f %f %.3f %.1f", 0.0, -0.0, -0.0000001, -0.0004, 9.96);
-  EXPECT_EVERY_CUT_MATCHES("%g %g %g %g %g %g", 1e-5, 100000.0, 1e6, 0.0001, -0.0, 123456789.0);
-  EXPECT_EVERY_CUT_MATCHES("%.0g %.1g %.2g %G %.3G %g", 0.5, 9.96, 9.96, 1e-10, 1234.5, 0.0);
-  EXPECT_EVERY_CUT_MATCHES("%e %E %.0e %.2e %e %.3E", 0.0, 1.0, 2.5, -9.999, 1e-300, 6.02e23);
-  EXPECT_EVERY_CUT_MATCHES("%lf %F %.19f %.20f", 1.25, 2.75, 0.1, 0.1);
-  // Around the largest scaled value that fits 64 bits.
-  EXPECT_EVERY_CUT_MATCHES("%.0f %.0f %.0f %.1f %.2f %.4f %.4f", 18446744073709549568.0,
-                           18446744073709551616.0, 9007199254740993.0, 1844674407370955161.0,
-                           184467440737095516.0, 1844674407370955.0, 1844674407370955.25);
-  EXPECT_EVERY_CUT_MATCHES("%f %e %g %.40f", DBL_TRUE_MIN, DBL_TRUE_MIN, DBL_MIN, DBL_MIN);
-  EXPECT_EVERY_CUT_MATCHES("%f|%.40f|%e", DBL_MAX, -DBL_MAX, DBL_MAX);
-  EXPECT_EVERY_CUT_MATCHES(unchecked("[%10.3f|%-10.3f|%010.3f|%-010.3f|%012e|%08g]"), -3.25, -3.25,
-                           -3.25, 3.25, -1.5, 0.5);
-  EXPECT_EVERY_CUT_MATCHES("[%*.*f|%.*f|%.*e|%.f|%.e]", -9, 2, 3.14159, -1, 2.5, 3, 1e9, 0.5, 7.5);
+std::vector<std::string> split(const std::string& list) {
+  std::vector<std::string> items;
+  std::istringstream stream(list);
+  for (std::string item; std::getline(stream, item, ',');) items.push_back(item);
+  return items;
 }
 
-TEST(TraceFormat, CharactersAndStringsMatchVsnprintf) {
-  EXPECT_EVERY_CUT_MATCHES("state %s, mode '%c'", "walking", 'w');
-  EXPECT_EVERY_CUT_MATCHES(unchecked("[%s|%5s|%-5s|%05s|%.2s|%.0s|%.9s]"), "", "ab", "ab", "ab",
-                           "abc", "abc", "abc");
-  EXPECT_EVERY_CUT_MATCHES("[%*s|%-*.*s|%.*s]", -4, "x", 6, 2, "abcdef", -1, "whole");
-  // A character is narrowed to unsigned char; a NUL one goes into the text.
-  EXPECT_EVERY_CUT_MATCHES(unchecked("[%c|%3c|%-3c|%03c|%c|%c]"), 'a', 'b', 'c', 'd', 0, 0x141);
-  EXPECT_EVERY_CUT_MATCHES("100%% of %s%%, %%d", "the load");
-  EXPECT_EVERY_CUT_MATCHES("%s", "a string whose own %d and %s are only text");
-  const std::string long_text(300, 'x');
-  EXPECT_TRUE(matchesVsnprintf(Sizes::kEvery, "<%s>", long_text.c_str()));
+long long integer(const std::string& text) {
+  return text[0] == '-' ? std::strtoll(text.c_str(), nullptr, 0)
+                        : static_cast<long long>(std::strtoull(text.c_str(), nullptr, 0));
 }
 
-// Each form comes after text and a conversion formatTrace has written
-// already, which vsnprintf must then write again from the start.
-TEST(TraceFormat, FormsLeftToVsnprintfMatchIt) {
-  for (const double value : {NAN, -NAN, INFINITY, -INFINITY}) {
-    for (const char* format : {"at %d: %f", "at %d: %e", "at %d: %g", "at %d: %F", "at %d: %E",
-                               "at %d: %G", "at %d: %08.2f|%-8e"}) {
-      EXPECT_EVERY_CUT_MATCHES(unchecked(format), 7, value, value);
-    }
+// The rows of the table whose value kind is one of `kinds`.
+void expectRowsMatch(const std::string& kinds) {
+  for (const auto& row : korcommon::testing::tableRows("trace/format.txt", 5)) {
+    EXPECT_NE(std::string("ildLs").find(row[2]), std::string::npos) << row[4];
+    if (kinds.find(row[2]) == std::string::npos) continue;
+    std::vector<int> ints;
+    for (const std::string& text : split(row[1])) ints.push_back(static_cast<int>(integer(text)));
+    const std::vector<std::string> texts = split(row[3]);
+    ASSERT_LE(texts.size(), 8u) << row[4];
+    const auto matches = [&](auto parse) {
+      std::vector<decltype(parse(texts[0]))> values(8);
+      std::transform(texts.begin(), texts.end(), values.begin(), parse);
+      return matchesWith(row[0].c_str(), ints, values);
+    };
+    const char kind = row[2][0];
+    EXPECT_TRUE(
+        kind == 'i'   ? matches([](const std::string& t) { return static_cast<int>(integer(t)); })
+        : kind == 'l' ? matches(integer)
+        : kind == 'd'
+            ? matches([](const std::string& t) { return std::strtod(t.c_str(), nullptr); })
+        : kind == 'L'
+            ? matches([](const std::string& t) { return std::strtold(t.c_str(), nullptr); })
+            : matches([](const std::string& t) { return t == "NULL" ? nullptr : t.c_str(); }))
+        << row[4];
   }
-  // Other flags, an integer's precision, unknown conversions and a lone '%'.
-  for (const char* format :
-       {"at %d: %+d", "at %d: % d", "at %d: %#o", "at %d: %#x", "at %d: %'d", "at %d: %5.3d",
-        "at %d: %.0d", "at %d: %.3u", "at %d: %.2c", "at %d: %y", "at %d: %5%", "at %d: %-%",
-        "at %d: %1%", "at %d: %k", "at %d: %", "at %d: %m", "at %d: %qd", "at %d: %Ld"}) {
-    EXPECT_EVERY_CUT_MATCHES(unchecked(format), 7, 0);
-  }
-  for (const char* format : {"at %d: %+.1f", "at %d: % e", "at %d: %#g", "at %d: %a", "at %d: %A",
-                             "at %d: %.60f", "at %d: %.41e", "at %d: %.41G", "at %d: %hf"}) {
-    EXPECT_EVERY_CUT_MATCHES(unchecked(format), 7, 0.1);
-  }
-  EXPECT_EVERY_CUT_MATCHES("at %d: %Lf", 7, 1.5L);
-  EXPECT_EVERY_CUT_MATCHES(unchecked("at %d: %llf"), 7, 2.5L);
-  EXPECT_EVERY_CUT_MATCHES(unchecked("at %d: %2$s %1$d"), 7, "again");
+}
+
+TEST(TraceFormat, TableMatchesVsnprintf) {
+  expectRowsMatch("ildLs");
+  EXPECT_TRUE(matchesVsnprintf(1024, "<%s>", std::string(300, 'x').c_str()));
   // Wide characters outside ASCII, which the C locale cannot encode.
-  EXPECT_EVERY_CUT_MATCHES("at %d: %lc", 7, static_cast<wint_t>(0xe9));
-  EXPECT_EVERY_CUT_MATCHES("at %d: %ls", 7, L"\u00e9t\u00e9");
-  EXPECT_EVERY_CUT_MATCHES(unchecked("at %d: %hhs"), 7, "narrow");
+  EXPECT_TRUE(matchesVsnprintf(1024, "at %d: %lc", 7, static_cast<wint_t>(0xe9)));
+  EXPECT_TRUE(matchesVsnprintf(1024, "at %d: %ls", 7, L"\u00e9t\u00e9"));
   int position = 0;
-  EXPECT_EVERY_CUT_MATCHES("at %d: %p", 7, static_cast<void*>(&position));
-  EXPECT_EVERY_CUT_MATCHES("at %d: ab%ncd", 7, &position);
-  const char* const no_text = std::getenv("KORCOMMON_TEST_UNSET_VARIABLE");
-  for (const char* format : {"at %d: %s", "at %d: %.3s", "at %d: %10s"}) {
-    EXPECT_EVERY_CUT_MATCHES(unchecked(format), 7, no_text);
-  }
-  // Widths and precisions too large for formatTrace's counts.
-  EXPECT_TRUE(matchesVsnprintf(Sizes::kSample, "at %d: %*d|%.*s", 7, 2000000, 1, INT_MAX, "all"));
-  EXPECT_TRUE(matchesVsnprintf(Sizes::kSample, unchecked("at %d: %2000000d"), 7, 1));
+  EXPECT_TRUE(matchesVsnprintf(1024, "at %d: %p", 7, static_cast<void*>(&position)));
+  EXPECT_TRUE(matchesVsnprintf(1024, "at %d: ab%ncd", 7, &position));
 }
 
-TEST(TraceFormat, FollowsTheRoundingMode) {
-  const int saved = std::fegetround();
-  for (const int mode : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
-    ASSERT_EQ(std::fesetround(mode), 0);
-    EXPECT_EVERY_CUT_MATCHES("%.1f %.0f %.2e %g %f", 0.25, -2.5, 1.125, 0.3, -0.1);
-  }
-  std::fesetround(saved);
-}
-
-TEST(TraceFormat, FollowsTheLocaleDecimalPoint) {
-  // The build compiles the locale beside the tests.
-  const korcommon::testing::ScopedEnv locale_path("LOCPATH", KORCOMMON_TEST_LOCALE_DIR);
-  const locale_t comma_locale = newlocale(LC_NUMERIC_MASK, "de_DE.UTF-8", nullptr);
-  ASSERT_NE(comma_locale, nullptr) << "the locale was not compiled into " KORCOMMON_TEST_LOCALE_DIR;
-  const locale_t saved = uselocale(comma_locale);
-  EXPECT_EVERY_CUT_MATCHES("%.1f %e %g %d", 71.5, 0.5, 2.25, 1234567);
-  uselocale(saved);
-  freelocale(comma_locale);
-}
-
-// Random messages of two conversions between literal text, with random flags, widths and
-// precisions (as "*" arguments a third of the time) and arguments from the edges of the formats.
-TEST(TraceFormat, RandomMessagesMatchVsnprintf) {
-  std::mt19937_64 random(20240611);
-  const auto pick = [&random](size_t count) { return static_cast<size_t>(random() % count); };
-  const double notable[] = {0.0,
+// Every conversion the formatter renders, under each flag, width and precision, at the values
+// where rounding, notation or the digit count changes, between literal text.
+TEST(TraceFormat, FlagsWidthsAndPrecisionsMatchVsnprintf) {
+  const double doubles[] = {0.0,
                             -0.0,
                             1e-5,
                             1e-4,
-                            1e5,
-                            1e6,
                             0.5,
-                            9.5,
                             0.95,
+                            9.5,
                             9.995,
                             99.95,
+                            1e5,
+                            1e6,
                             1e15,
                             1e17,
                             1e19,
                             1e20,
                             18446744073709549568.0,
                             18446744073709551616.0,
+                            -1.5e-7,
+                            123.456,
                             DBL_MIN,
                             DBL_TRUE_MIN,
-                            DBL_MAX,
-                            NAN,
-                            INFINITY,
-                            -INFINITY};
-  const char* const texts[] = {"", "walking", "with %d", "\xc3\xa9t\xc3\xa9", nullptr};
-  const char* const literals[] = {"", "joint ", " C", "%%", "\xc2\xb0", "\t|"};
-  for (int message = 0; message < 20000; ++message) {
-    const bool stars = pick(3) == 0;
-    std::string format = literals[pick(6)];
-    std::variant<long, double, const char*> values[2];
-    for (auto& value : values) {
-      format += "%";
-      for (const char* flag : {"-", "0", "+", " ", "#"}) format += pick(4) == 0 ? flag : "";
-      if (stars) {
-        format += "*.*";
-      } else {
-        if (pick(2) == 0) format += std::to_string(pick(pick(20) == 0 ? 300 : 30));
-        if (pick(2) == 0) format += "." + std::to_string(pick(45));
-      }
-      switch (pick(4)) {
-        case 0: {
-          const long integer = pick(10) == 0 ? LONG_MIN : static_cast<long>(random()) >> pick(64);
-          value = integer;
-          format += std::string("l") + "diuxXo"[pick(6)];
-          break;
-        }
-        case 1:
-          value = static_cast<const char*>(texts[pick(5)]);
-          format += "s";
-          break;
-        default: {
-          const uint64_t bits = random();
-          double number = 0;
-          std::memcpy(&number, &bits, sizeof number);
-          const double choices[] = {
-              number, notable[pick(23)],
-              static_cast<double>(static_cast<int>(pick(200000000)) - 100000000) /
-                  std::pow(10.0, static_cast<double>(pick(9))),
-              std::ldexp(static_cast<double>(pick(4000)) * 2 + 1, -1 - static_cast<int>(pick(6)))};
-          value = choices[pick(4)];
-          format += "fFeEgG"[pick(6)];
+                            DBL_MAX};
+  for (const std::string flags : {"", "-", "0", "-0", "+", " ", "#"}) {
+    for (const std::string size : {"", "9", ".0", ".3", "25.17", ".40", "120.2"}) {
+      const std::string spec = "%" + flags + size;
+      for (const char type : std::string("fFeEgG")) {
+        for (const double value : doubles) {
+          ASSERT_TRUE(matchesVsnprintf(64, ("\xc2\xb0" + spec + type + " C").c_str(), value));
         }
       }
-      format += literals[pick(6)];
+      for (const char type : std::string("diuxXo")) {
+        for (const long value : {0L, 1L, -1L, 255L, LONG_MIN, LONG_MAX}) {
+          ASSERT_TRUE(matchesVsnprintf(64, ("joint " + spec + "l" + type + "\t|").c_str(), value));
+        }
+      }
+      for (const char* text : {"", "walking", "\xc3\xa9t\xc3\xa9", "with %d"}) {
+        ASSERT_TRUE(matchesVsnprintf(64, (spec + "s%%").c_str(), text));
+      }
     }
-    const int width[2] = {static_cast<int>(pick(61)) - 30, static_cast<int>(pick(61)) - 30};
-    const int precision[2] = {static_cast<int>(pick(50)) - 5, static_cast<int>(pick(50)) - 5};
-    const ::testing::AssertionResult result = std::visit(
-        [&](auto first, auto second) {
-          return stars ? matchesVsnprintf(Sizes::kSample, format.c_str(), width[0], precision[0],
-                                          first, width[1], precision[1], second)
-                       : matchesVsnprintf(Sizes::kSample, format.c_str(), first, second);
-        },
-        values[0], values[1]);
-    ASSERT_TRUE(result) << "message " << message;
   }
+}
+
+// Another rounding mode or decimal point sends every float to vsnprintf.
+TEST(TraceFormat, FollowsTheRoundingModeAndTheLocale) {
+  const int saved_mode = std::fegetround();
+  for (const int mode : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
+    ASSERT_EQ(std::fesetround(mode), 0);
+    expectRowsMatch("d");
+  }
+  std::fesetround(saved_mode);
+  // The build compiles the locale beside the tests.
+  const korcommon::testing::ScopedEnv locale_path("LOCPATH", KORCOMMON_TEST_LOCALE_DIR);
+  const locale_t comma_locale = newlocale(LC_NUMERIC_MASK, "de_DE.UTF-8", nullptr);
+  ASSERT_NE(comma_locale, nullptr) << "the locale was not compiled into " KORCOMMON_TEST_LOCALE_DIR;
+  const locale_t saved_locale = uselocale(comma_locale);
+  expectRowsMatch("id");
+  uselocale(saved_locale);
+  freelocale(comma_locale);
 }
 
 }  // namespace
