@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -29,6 +29,7 @@
 #include "dova/os/node_handle_base.h"
 #include "scoped_env.h"
 #include "stand_in_handle.h"
+#include "table_rows.h"
 
 namespace {
 
@@ -193,31 +194,28 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
   EXPECT_TRUE(short_seen) << "no line from the first tenth of a second";
 
   // Letter and colour by level; a null file prints an empty name.
-  const std::string normal = "\x1b[1;00m";
-  for (const auto& [level, start] : std::vector<std::pair<int, std::string>>{
-           {1, "D/"}, {2, "I/"}, {4, "W/"}, {8, "E/"}, {16, "F/"}, {32, "D/"}, {3, "D/"}}) {
+  for (const auto& [level, expected] : std::vector<std::pair<int, std::string>>{{1, "D/ 00"},
+                                                                                {2, "I/ 00"},
+                                                                                {4, "W/ 33"},
+                                                                                {8, "E/ 31"},
+                                                                                {16, "F/ 31"},
+                                                                                {32, "D/ 00"},
+                                                                                {3, "D/ 00"}}) {
     const std::string line = screenOutput([&] { korcommon::mtrace(level, nullptr, 1, "f", "x"); });
-    const std::string colour = level == 4                  ? "\x1b[1;33m"
-                               : level >= 8 && level <= 16 ? "\x1b[1;31m"
-                                                           : normal;
-    EXPECT_EQ(line.substr(24, 2), start) << level;
-    EXPECT_NE(line.find("): " + colour + "(1) clk("), std::string::npos) << line;
+    const size_t colour = line.find("): \x1b[1;") + 7;
+    EXPECT_EQ(line.substr(24, 2) + " " + line.substr(colour, 2), expected) << line;
+    EXPECT_EQ(line.compare(colour + 2, 9, "m(1) clk("), 0) << line;
   }
   // The variable is read at every call and must be 1 as an integer.
-  for (const auto& [value, prints] :
-       std::vector<std::pair<std::optional<std::string>, bool>>{{std::nullopt, false},
-                                                                {"2", false},
-                                                                {"0", false},
-                                                                {"", false},
-                                                                {"-1", false},
-                                                                {"1", true},
-                                                                {" 1", true},
-                                                                {"1x", true},
-                                                                {"01", true}}) {
+  const std::vector<std::optional<std::string>> settings = {std::nullopt, "2",  "0",  "",  "-1",
+                                                            "1",          " 1", "1x", "01"};
+  std::string printing;
+  for (const std::optional<std::string>& value : settings) {
     const ScopedEnv setting("DOVA_LOG_SCREEN", value);
-    EXPECT_EQ(screenOutput([] { korcommon::mtrace(16, "c.cpp", 1, "f", "x"); }).empty(), !prints)
-        << value.value_or("(unset)");
+    printing +=
+        screenOutput([] { korcommon::mtrace(16, "c.cpp", 1, "f", "x"); }).empty() ? "0" : "1";
   }
+  EXPECT_EQ(printing, "000001111");
 
   // Without the middleware the plain base handle answers: printed only, with no node name.
   dova::setNodeHandle(nullptr);
@@ -308,82 +306,50 @@ TEST_F(TraceLogger, RecordsAreNeverRewrittenWhileHeld) {
   for (size_t i = 0; i < 3000; ++i) EXPECT_EQ(watched[i].expired(), i % 3 != 0) << i;
 }
 
-// The level and the size come from the environment at the first call only: each row runs in a
-// child process of its own, from unread settings. A row: the variables, whether the setters run
-// first, and what the calls at levels 1, 2, 3, 4, 5, 8, 16, 32 publish (with a 300-character
-// message at INFO, shown by its length), what is printed, and the settings afterwards.
-TEST(TraceLoggerEnvironment, ReadAtTheFirstCallOnly) {
-  struct Row {
-    std::vector<std::pair<const char*, const char*>> variables;
-    bool setters_first;
-    std::string expected;
-  };
-  const std::vector<Row> rows = {
-      {{}, false, "2 3 4 5 8 16 32 255 L8 L16 | 0 lines | level 2 size 256"},
-      {{{"DOVA_LOG_LEVEL", "3"}}, false, "4 5 8 16 32 L8 L16 | 0 lines | level 3 size 256"},
-      {{{"DOVA_LOG_LEVEL", " 4junk"}}, false, "8 16 32 L8 L16 | 0 lines | level 4 size 256"},
-      {{{"DOVA_LOG_LEVEL", "0"}, {"DOVA_LOG_SCREEN", "1"}}, false, " | 0 lines | level 0 size 256"},
-      {{{"DOVA_LOG_LEVEL", "6"}, {"DOVA_LOG_SCREEN", "1"}}, false, " | 0 lines | level 6 size 256"},
-      {{{"DOVA_LOG_LEVEL", "-1"}}, false, "L16 | 0 lines | level 5 size 256"},
-      {{{"DOVA_LOG_SIZE", "8"}, {"DOVA_LOG_SCREEN", "1"}},
-       false,
-       "2 3 4 5 8 16 32 7 L8 L16 | 10 lines | level 2 size 8"},
-      {{{"DOVA_LOG_SIZE", "-5"}}, false, "2 3 4 5 8 16 32 255 L8 L16 | 0 lines | level 2 size 256"},
-      {{{"DOVA_LOG_SIZE", "0"}}, false, "2 3 4 5 8 16 32 255 L8 L16 | 0 lines | level 2 size 256"},
-      {{{"DOVA_LOG_SIZE", "4294967296"}},
-       false,
-       "2 3 4 5 8 16 32 255 L8 L16 | 0 lines | level 2 size 256"},
-      {{{"DOVA_LOG_LEVEL", "5"}, {"DOVA_LOG_SIZE", "4"}},
-       true,
-       "4 5 8 16 32 L16 | 0 lines | level 5 size 64"},
-  };
-  for (const Row& row : rows) {
-    int result[2];
-    ASSERT_EQ(pipe(result), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      korcommon::ROBOT_LOG_LEVEL = -1;
-      korcommon::ROBOT_LOG_SIZE = -1;
-      unsetenv("DOVA_LOG_LEVEL");
-      unsetenv("DOVA_LOG_SIZE");
-      unsetenv("DOVA_LOG_SCREEN");
-      for (const auto& [name, value] : row.variables) setenv(name, value, 1);
-      if (row.setters_first) {
-        korcommon::set_log_level(3);
-        korcommon::set_log_size(64);
-      }
-      StandInHandle handle;
-      std::string summary;
-      const std::string printed = screenOutput([&] {
-        for (const int level : {1, 2, 3, 4, 5, 8, 16, 32}) {
-          korcommon::mtrace(level, "c.cpp", 1, "env", "%d", level);
-        }
-        korcommon::mtrace(2, "c.cpp", 1, "env", "%s", std::string(300, 's').c_str());
-        // A negative level sends the next call back to the environment.
-        if (row.setters_first) korcommon::set_log_level(-1);
-        setenv("DOVA_LOG_LEVEL", "5", 1);
-        korcommon::mtrace(8, "c.cpp", 1, "env", "L8");
-        korcommon::mtrace(16, "c.cpp", 1, "env", "L16");
-      });
-      for (const std::string& message : messagesOf(handle)) {
-        summary += (summary.empty() ? "" : " ") +
-                   (message[0] == 's' ? std::to_string(message.size()) : message);
-      }
-      summary += " | " + std::to_string(std::count(printed.begin(), printed.end(), '\n')) +
-                 " lines | level " + std::to_string(korcommon::ROBOT_LOG_LEVEL) + " size " +
-                 std::to_string(korcommon::ROBOT_LOG_SIZE);
-      static_cast<void>(write(result[1], summary.data(), summary.size()));
-      _exit(0);
+// In a child process from unread settings: sets `variables` ("NAME=value;..."), runs the setters
+// first when asked, makes the calls of tests/data/log/environment.txt and prints what they
+// published, what was printed and the settings afterwards on standard error.
+[[noreturn]] void summarizeFirstCalls(const std::string& variables, bool setters_first) {
+  korcommon::ROBOT_LOG_LEVEL = -1;
+  korcommon::ROBOT_LOG_SIZE = -1;
+  for (const char* name : {"DOVA_LOG_LEVEL", "DOVA_LOG_SIZE", "DOVA_LOG_SCREEN"}) unsetenv(name);
+  std::istringstream list(variables);
+  for (std::string variable; std::getline(list, variable, ';');) {
+    setenv(variable.substr(0, variable.find('=')).c_str(),
+           variable.substr(variable.find('=') + 1).c_str(), 1);
+  }
+  if (setters_first) {
+    korcommon::set_log_level(3);
+    korcommon::set_log_size(64);
+  }
+  StandInHandle handle;
+  const std::string printed = screenOutput([&] {
+    for (const int level : {1, 2, 3, 4, 5, 8, 16, 32}) {
+      korcommon::mtrace(level, "c.cpp", 1, "env", "%d", level);
     }
-    close(result[1]);
-    std::string summary;
-    char buffer[256];
-    for (ssize_t got; (got = read(result[0], buffer, sizeof buffer)) > 0;)
-      summary.append(buffer, static_cast<size_t>(got));
-    close(result[0]);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(summary, row.expected) << (row.variables.empty() ? "" : row.variables[0].first);
+    korcommon::mtrace(2, "c.cpp", 1, "env", "%s", std::string(300, 's').c_str());
+    if (setters_first) korcommon::set_log_level(-1);
+    setenv("DOVA_LOG_LEVEL", "5", 1);
+    korcommon::mtrace(8, "c.cpp", 1, "env", "L8");
+    korcommon::mtrace(16, "c.cpp", 1, "env", "L16");
+  });
+  std::string summary;
+  for (const std::string& message : messagesOf(handle)) {
+    summary += (summary.empty() ? "" : " ") +
+               (message[0] == 's' ? std::to_string(message.size()) : message);
+  }
+  std::fprintf(stderr, "summary: %s / %td lines / level %d size %d\n", summary.c_str(),
+               std::count(printed.begin(), printed.end(), '\n'), korcommon::ROBOT_LOG_LEVEL.load(),
+               korcommon::ROBOT_LOG_SIZE.load());
+  std::fflush(stderr);
+  _exit(0);
+}
+
+TEST(TraceLoggerEnvironment, ReadAtTheFirstCallOnly) {
+  for (const auto& row : korcommon::testing::tableRows("log/environment.txt", 4)) {
+    EXPECT_EXIT(summarizeFirstCalls(row[0], row[1] == "setters first"),
+                ::testing::ExitedWithCode(0), "summary: " + row[2] + "\n")
+        << row[3];
   }
 }
 
