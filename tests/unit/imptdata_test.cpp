@@ -1,7 +1,6 @@
 #include "korcommon/ImptData.h"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "dova/filesystem/filesystem.h"
 #include "private_opt.h"
 #include "read_file.h"
 #include "trace_capture.h"
@@ -53,9 +51,6 @@ class ImptDataTest : public ::testing::Test {
   void SetUp() override {
     KORCOMMON_REQUIRE_PRIVATE_OPT();
     fs::remove_all("/opt/quor");
-  }
-  void TearDown() override {
-    if (korcommon::testing::hasPrivateOpt()) mount(nullptr, "/opt", nullptr, MS_REMOUNT, nullptr);
   }
 };
 
@@ -111,22 +106,6 @@ TEST_F(ImptDataTest, EmptyMissingAndUnreadableValues) {
   }
   EXPECT_EQ(std::count(reports.begin(), reports.end(), '\n'), 4);
   EXPECT_EQ(readFile(kDirectory + "joint_offset.yaml"), "joint_offset: [1, {\n");
-}
-
-TEST_F(ImptDataTest, ReadOnlyStorageFailsCleanly) {
-  ASSERT_TRUE(ImptData::setSN("RB-7"));
-  ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  TraceCapture capture;
-  EXPECT_FALSE(ImptData::setSN("RB-8"));
-  EXPECT_EQ(reportsOf(capture).rfind("setSN: ", 0), 0u);
-  EXPECT_EQ(ImptData::getSN(), "RB-7") << "reads still work";
-  try {
-    ImptData::getUrdfDir();
-    ADD_FAILURE() << "getUrdfDir succeeded on a read-only /opt";
-  } catch (const dova::filesystem::filesystem_error& error) {
-    EXPECT_EQ(error.what(), std::string(std::strerror(EROFS)) + ": '/opt/quor/imptdata/urdf/'");
-    EXPECT_EQ(error.code().value(), EROFS);
-  }
 }
 
 TEST_F(ImptDataTest, UrdfDirIsCreatedAndOpenedAtEveryCall) {

@@ -128,20 +128,6 @@ TYPED_TEST(MessageCodec, GoldenEncodingsEchoesAndFrames) {
     std::vector<uint8_t> longer = bytes;
     longer.push_back(0);
     EXPECT_FALSE(frameFits<TypeParam>(longer));
-    // Whatever a corrupted length or count makes of it, an accepted frame decodes exactly.
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at) {
-      for (const uint32_t value : {0xFFFFFFFFu, 0x7FFFFFFFu, 0x40000000u,
-                                   static_cast<uint32_t>(bytes.size() - at - 3), 1u}) {
-        std::vector<uint8_t> corrupted = bytes;
-        std::memcpy(corrupted.data() + at, &value, sizeof value);
-        if (!frameFits<TypeParam>(corrupted)) continue;
-        TypeParam decoded;
-        const std::string again = std::to_string(corrupted.size());
-        EXPECT_EQ(decodeAndEncode(decoded, corrupted),
-                  again + " " + again + " ab" + toHex(corrupted.data(), corrupted.size()) +
-                      "abababababababab");
-      }
-    }
   }
   EXPECT_FALSE(frameFits<TypeParam>({}, dova::msgs::kFramePrefixSize - 1)) << "no whole prefix";
 }

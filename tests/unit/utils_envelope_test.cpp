@@ -86,29 +86,6 @@ TEST(SignalEnvelopeInspect, EveryFunctionOnEveryTextOfTheTable) {
             "00000 0 00000 0 |  |  |  | -1 | {} | ALL: Nesting deeper than 512 levels at token: [");
 }
 
-TEST(SignalEnvelopeInspect, TypedGettersReadOnlyTheirOwnKind) {
-  testing::TraceCapture trace;
-  EXPECT_EQ(getSigNumber(Number(-2.5)), -2.5);
-  EXPECT_TRUE(getSigBool(dova::json::Boolean(true)));
-  EXPECT_EQ(getSigString(String("RB-0001")), "RB-0001");
-  const std::vector<std::function<void()>> wrong_kinds = {
-      [] { getSigBool(Number(1)); },
-      [] { getSigNumber(dova::json::Boolean(true)); },
-      [] { getSigNumber(String("1")); },
-      [] { getSigString(Number(1)); },
-      [] { getSigString(dova::json::Null()); },
-      [] { getSigNumber(Object()); }};
-  for (const auto& call : wrong_kinds) {
-    try {
-      call();
-      ADD_FAILURE() << "no exception";
-    } catch (const dova::json::Exception& error) {
-      EXPECT_STREQ(error.what(), "Bad cast");
-    }
-  }
-  EXPECT_TRUE(trace.reports().empty());
-}
-
 double wallClockMilliseconds() {
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
   return std::chrono::duration<double, std::milli>(since_epoch).count();
