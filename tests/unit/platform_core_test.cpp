@@ -1,33 +1,149 @@
-// The platform's small services: clocks and durations, identifiers, CPU affinity, paths.
+// The platform's lifecycle and small services: init and shutdown, the trace sink, frame
+// prefixes, clocks and durations, identifiers, CPU affinity, paths.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <set>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "dova/cpu.h"
 #include "dova/filesystem/filesystem.h"
 #include "dova/guid.h"
+#include "dova/init.h"
 #include "dova/time.h"
 #include "private_opt.h"
+#include "scoped_env.h"
+#include "trace_capture.h"
 
 namespace {
 
 namespace dfs = dova::filesystem;
+using korcommon::testing::ScopedEnv;
 
-std::string text(const dova::Duration& duration) {
-  return std::to_string(duration.sec) + "." + std::to_string(duration.nsec);
+class DovaInit : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"DOVA_TRANSPORT", "DOVA_MODE", "DOVA_DOMAIN_ID"}) unsetenv(name);
+  }
+  void TearDown() override {
+    dova::setNodeHandle(nullptr);
+    dova::shutdown();
+  }
+};
+
+TEST_F(DovaInit, LifecycleAndTheInstalledHandle) {
+  const auto expect_plain = [](const char* when) {
+    EXPECT_FALSE(dova::nh()->ok()) << when;
+    EXPECT_EQ(dova::nh()->inited, 0u) << when;
+    EXPECT_EQ(dova::getNodeName(), "") << when;
+  };
+  expect_plain("before init");
+  dova::NodeHandleBase stand_in;
+  EXPECT_EQ(dova::setNodeHandle(&stand_in), nullptr);
+  ASSERT_TRUE(dova::init("walker"));
+  EXPECT_EQ(dova::nh(), &stand_in) << "an installed handle wins over the platform's";
+  EXPECT_EQ(dova::setNodeHandle(nullptr), &stand_in);
+  dova::NodeHandleBase* running = dova::nh();
+  EXPECT_TRUE(running->ok());
+  EXPECT_EQ(running->inited, 1u);
+  EXPECT_EQ(running->mode, 1u) << "the default mode";
+  EXPECT_EQ(dova::getNodeName(), "walker");
+  dova::shutdown();
+  expect_plain("after shutdown");
+  EXPECT_FALSE(running->ok()) << "a kept pointer sees a stopped handle, not freed memory";
+  dova::shutdown();  // a second shutdown is harmless
+  ASSERT_TRUE(dova::init("walker_again")) << "init works again after shutdown";
+  EXPECT_EQ(dova::getNodeName(), "walker_again");
+}
+
+TEST_F(DovaInit, OptionsComeBeforeTheEnvironmentAndBadOnesAreRefusedAloud) {
+  const korcommon::testing::TraceCapture capture;
+  const struct {
+    const char* node;
+    dova::Options options;
+    int mode;                            // the node's mode, or -1: refused with an ERROR
+    const char* named;                   // in the ERROR
+    const char* variable = "DOVA_MODE";  // set to `value` for the row
+    const char* value = nullptr;
+  } rows[] = {
+      {"", {}, -1, "node name"},
+      {"n", {"carrier-pigeon", -1, true, -1}, -1, "carrier-pigeon"},
+      {"n", {"", 3, true, -1}, -1, "mode 3"},
+      {"n", {"", -2, true, -1}, -1, "mode -2"},
+      {"n", {"", 0, true, 233}, -1, "233"},
+      {"n", {}, -1, "fast", "DOVA_MODE", "fast"},
+      {"n", {}, -1, "smoke-signals", "DOVA_TRANSPORT", "smoke-signals"},
+      {"n", {}, -1, "-5", "DOVA_DOMAIN_ID", "-5"},
+      {"n", {}, 2, "", "DOVA_MODE", "2"},
+      {"n", {"", 0, true, -1}, 0, "", "DOVA_MODE", "2"},
+  };
+  for (const auto& row : rows) {
+    const ScopedEnv setting(row.variable,
+                            row.value ? std::optional<std::string>(row.value) : std::nullopt);
+    const size_t traces = capture.reports().size();
+    ASSERT_EQ(dova::init(row.node, row.options), row.mode >= 0) << row.named;
+    if (row.mode >= 0) {
+      EXPECT_EQ(dova::nh()->mode, static_cast<uint32_t>(row.mode));
+      EXPECT_FALSE(dova::init("second")) << "already running";
+      EXPECT_EQ(dova::getNodeName(), "n");
+      dova::shutdown();
+    } else {
+      EXPECT_FALSE(dova::nh()->ok()) << "nothing changed";
+    }
+    const std::vector<korcommon::testing::TraceReport> reports = capture.reports();
+    ASSERT_EQ(reports.size(), traces + 1) << row.named;
+    EXPECT_EQ(reports.back().level, dova::ERROR);
+    EXPECT_EQ(reports.back().function, "init");
+    EXPECT_NE(reports.back().text.find(row.mode >= 0 ? "\"n\"" : row.named), std::string::npos)
+        << reports.back().text;
+  }
+}
+
+TEST(DovaCallerId, TakesThePrefixUpToTheFirstNul) {
+  uint8_t named[40] = "leg_controller";
+  uint8_t full[40];
+  std::memset(full, 'x', sizeof full);
+  EXPECT_EQ(dova::getCallerId(named, 32), "leg_controller");
+  EXPECT_EQ(dova::getCallerId(named, 31), "") << "shorter than the prefix";
+  EXPECT_EQ(dova::getCallerId(nullptr, 40), "");
+  EXPECT_EQ(dova::getCallerId(full, 40), std::string(32, 'x')) << "no NUL: all 32 bytes";
+}
+
+TEST(DovaTrace, SinkReceivesFormattedTextUntilTheDefaultIsBack) {
+  std::vector<korcommon::testing::TraceReport> records;
+  EXPECT_FALSE(dova::setTraceSink([&records](int level, const char* file, int line,
+                                             const char* function, const std::string& text) {
+    records.push_back({level, file, line, function, text});
+  })) << "the default sink is reported as empty";
+  dova::mtrace(dova::WARN, "a/b/c.cpp", 12, "thread_loop", false, "%s took %.2f ms", "pool", 51.5);
+  const std::string long_text(5000, 'z');
+  dova::mtrace(dova::DEBUG, "d.cpp", 3, "quiet", false, "%s", long_text.c_str());
+  EXPECT_TRUE(dova::setTraceSink(nullptr));
+  ::testing::internal::CaptureStderr();
+  dova::mtrace(dova::INFO, "dir/file.cpp", 7, "hidden", false, "not shown");
+  dova::mtrace(dova::INFO, "dir/file.cpp", 8, "forced", true, "shown %d", 1);
+  dova::mtrace(dova::WARN, "dir/file.cpp", 9, "warned", false, "shown %d", 2);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "[INFO] forced (file.cpp:8): shown 1\n[WARN] warned (file.cpp:9): shown 2\n")
+      << "the default sink: WARN and above, or every level with the flag";
+  ASSERT_EQ(records.size(), 2u);
+  const auto& first = records[0];
+  EXPECT_EQ(std::to_string(first.level) + " " + first.file + ":" + std::to_string(first.line) +
+                " " + first.function + " " + first.text,
+            "4 a/b/c.cpp:12 thread_loop pool took 51.50 ms");
+  EXPECT_EQ(records[1].text, long_text) << "long texts are not cut";
 }
 
 TEST(DovaTime, DifferencesAreNormalisedAndClocksAgreeWithTheSystem) {
+  const auto text = [](const dova::Duration& d) {
+    return std::to_string(d.sec) + "." + std::to_string(d.nsec);
+  };
   EXPECT_EQ(text(dova::Time(10, 200) - dova::Time(8, 900)), "1.999999300");
   EXPECT_EQ(text(dova::Time(8, 900) - dova::Time(10, 200)), "-2.700");
   // Seconds beyond INT32_MAX apart still subtract through 64 bits.
@@ -58,7 +174,6 @@ TEST(DovaGuid, UuidsAreRandomVersion4AndIdsNeverRepeat) {
     uuids.insert(id);
   }
   EXPECT_EQ(uuids.size(), 1000u);
-
   std::vector<std::vector<uint32_t>> ids(4);
   std::vector<std::thread> threads;
   for (auto& list : ids) {
@@ -66,11 +181,12 @@ TEST(DovaGuid, UuidsAreRandomVersion4AndIdsNeverRepeat) {
       for (int i = 0; i < 20000; ++i) list.push_back(dova::guid::uint32());
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  std::set<uint32_t> unique;
-  for (const auto& list : ids) unique.insert(list.begin(), list.end());
-  EXPECT_EQ(unique.size(), 80000u);
-  EXPECT_EQ(unique.count(0), 0u);
+  std::set<uint32_t> unique = {0};
+  for (size_t i = 0; i < ids.size(); ++i) {
+    threads[i].join();
+    unique.insert(ids[i].begin(), ids[i].end());
+  }
+  EXPECT_EQ(unique.size(), 80001u) << "80000 different ids, none of them 0";
 }
 
 TEST(DovaCpu, PinsTheCallingThreadOnly) {
@@ -93,8 +209,7 @@ TEST(DovaCpu, PinsTheCallingThreadOnly) {
 TEST(DovaFilesystem, PathsErrorsAndDirectories) {
   EXPECT_EQ(dfs::path("/opt//quor///imptdata/").string(), "/opt/quor/imptdata/");
   EXPECT_EQ(dfs::path("//").string() + dfs::path(static_cast<const char*>(nullptr)).string(), "/");
-  EXPECT_EQ(dfs::path("/a//b").filename().string(), "b");
-  EXPECT_EQ(dfs::path("dir/").filename().string(), "");
+  EXPECT_EQ(dfs::path("/a//b").filename().string() + dfs::path("dir/").filename().string(), "b");
   EXPECT_EQ(dfs::path("/opt/quor/x.yaml").parent_path().string(), "/opt/quor");
 
   const std::error_code code(EACCES, std::generic_category());

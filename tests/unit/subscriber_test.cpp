@@ -1,11 +1,17 @@
+// The typed subscriber's two entry points and its registration with a node handle.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/os/node_handle_base.h"
 #include "stand_in_handle.h"
@@ -17,18 +23,6 @@ using dova::SubscriberBase;
 using dova::diagnostic_msgs::DiagnosticValue;
 using DiagnosticSubscriber = dova::Subscriber<DiagnosticValue>;
 using DiagnosticValuePtr = std::shared_ptr<const DiagnosticValue>;
-
-DiagnosticValue sampleReport() {
-  DiagnosticValue value;
-  value.header.seq = 7;
-  value.header.stamp = dova::Time(1700000000, 123456789);
-  value.header.frame_id = "base_link";
-  value.level = DiagnosticValue::WARN;
-  value.name = "hip_motor";
-  value.code = -42;
-  value.message = "too warm";
-  return value;
-}
 
 std::vector<uint8_t> encoded(const DiagnosticValue& value) {
   std::vector<uint8_t> bytes(static_cast<size_t>(value.serializedLength()));
@@ -53,36 +47,34 @@ struct Call {
   DiagnosticValue value;
   const DiagnosticValue* address;
   SubscriberBase* self;
+  long owners;  // counted before `pointer` takes its own
   DiagnosticValuePtr pointer;
-  long owners;
 };
 
-// Fills all four slots, so that a kind calling the wrong one is seen.
-void fillEverySlot(DiagnosticSubscriber& sub, std::vector<Call>& calls) {
-  sub.callback_ref = [&calls](const DiagnosticValue& v) {
-    calls.push_back({0, v, &v, nullptr, {}, 0});
-  };
-  sub.callback_ref_sub = [&calls](const DiagnosticValue& v, SubscriberBase* self) {
-    calls.push_back({1, v, &v, self, {}, 0});
-  };
-  // The owners are counted before the call's record takes its own.
-  sub.callback_ptr = [&calls](const DiagnosticValuePtr& v) {
-    const long owners = v.use_count();
-    calls.push_back({2, *v, v.get(), nullptr, v, owners});
-  };
-  sub.callback_ptr_sub = [&calls](const DiagnosticValuePtr& v, SubscriberBase* self) {
-    const long owners = v.use_count();
-    calls.push_back({3, *v, v.get(), self, v, owners});
-  };
-}
-
 TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
-  const DiagnosticValue sent = sampleReport();
+  DiagnosticValue sent;
+  sent.header.seq = 7;
+  sent.header.stamp = dova::Time(1700000000, 123456789);
+  sent.header.frame_id = "base_link";
+  sent.level = DiagnosticValue::WARN;
+  sent.name = "hip_motor";
+  sent.code = -42;
+  sent.message = "too warm";
   for (uint32_t kind = 0; kind < 5; ++kind) {
     SCOPED_TRACE("callback_kind " + std::to_string(kind));
     DiagnosticSubscriber sub;
     std::vector<Call> calls;
-    fillEverySlot(sub, calls);
+    // All four slots filled, so that a kind calling the wrong one is seen.
+    sub.callback_ref = [&](const DiagnosticValue& v) { calls.push_back({0, v, &v, {}, 0, {}}); };
+    sub.callback_ref_sub = [&](const DiagnosticValue& v, SubscriberBase* self) {
+      calls.push_back({1, v, &v, self, 0, {}});
+    };
+    sub.callback_ptr = [&](const DiagnosticValuePtr& v) {
+      calls.push_back({2, *v, v.get(), {}, v.use_count(), v});
+    };
+    sub.callback_ptr_sub = [&](const DiagnosticValuePtr& v, SubscriberBase* self) {
+      calls.push_back({3, *v, v.get(), self, v.use_count(), v});
+    };
     sub.callback_kind = kind;
 
     // Frames: decoded from byte 32 on, the caller id is the prefix up to its first NUL.
@@ -137,26 +129,25 @@ TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
 }
 
 TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
-  using korcommon::testing::TraceReport;
-  struct Row {
+  const struct {
     uint32_t inited;
     uint32_t mode;
     bool accepted;
-    std::vector<std::string> traces;  // "LEVEL text", %u standing for the id
+    const char* error;  // traced at ERROR instead of the DEBUG line of a pooled registration
+  } rows[] = {
+      {0, 1, false, "DOVA no inited!"},
+      {1, 0, true, nullptr},  // the middleware's subscribe only: no id, no pool
+      {1, 1, true, nullptr},
+      {1, 2, true, nullptr},
+      {1, 3, false, nullptr},  // an unknown mode is refused silently
+      {1, 0xFFFFFFFF, false, nullptr},
   };
-  const Row rows[] = {
-      {0, 1, false, {"8 DOVA no inited!"}},
-      {1, 0, true, {}},  // the middleware's subscribe only: no id, no pool
-      {1, 1, true, {"1 Subscribers[%u] topic_id: %u, topic_name: /diagnostics_value"}},
-      {1, 2, true, {"1 Subscribers[%u] topic_id: %u, topic_name: /diagnostics_value"}},
-      {1, 3, false, {}},  // an unknown mode is refused silently
-      {1, 0xFFFFFFFF, false, {}},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE("inited " + std::to_string(row.inited) + ", mode " + std::to_string(row.mode));
     korcommon::testing::StandInHandle handle(true, row.mode);
     handle.inited = row.inited;
     DiagnosticSubscriber sub;
+    DiagnosticSubscriber second;
     sub.setTopic("/diagnostics_value");
     const korcommon::testing::TraceCapture trace;
     EXPECT_EQ(handle.subscribe(sub, true, false, 7), row.accepted);
@@ -173,38 +164,84 @@ TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
     EXPECT_EQ(sub.getLatch(), row.accepted);
     EXPECT_EQ(sub.getQueueSize(), row.accepted ? 7 : 0);
     std::vector<std::string> traces;
-    for (const TraceReport& report : trace.reports()) {
+    for (const korcommon::testing::TraceReport& report : trace.reports()) {
       EXPECT_EQ(report.function, "subscribe");
       EXPECT_NE(report.file.find("dova/os/node_handle_base"), std::string::npos) << report.file;
       traces.push_back(std::to_string(report.level) + " " + report.text);
     }
-    std::vector<std::string> expected = row.traces;
-    for (std::string& text : expected) {
-      // The id is printed twice on purpose, as the key and as topic_id.
-      for (size_t at; (at = text.find("%u")) != std::string::npos;) {
-        text.replace(at, 2, std::to_string(sub.topic_id));
-      }
+    // The id is printed twice on purpose, as the key and as topic_id.
+    const std::string id = std::to_string(sub.topic_id);
+    EXPECT_EQ(traces, row.error ? std::vector<std::string>{std::string("8 ") + row.error}
+                      : pooled  ? std::vector<std::string>{"1 Subscribers[" + id + "] topic_id: " +
+                                                           id + ", topic_name: /diagnostics_value"}
+                                : std::vector<std::string>{});
+    // A second registration: a pool and an id of its own.
+    if (pooled) {
+      ASSERT_TRUE(handle.subscribe(second, true, true, -1));
+      EXPECT_NE(second.topic_id, sub.topic_id);
+      EXPECT_EQ(handle.pools.size(), 2u);
+      EXPECT_EQ(handle.subscribers[second.topic_id], &second);
     }
-    EXPECT_EQ(traces, expected);
   }
 }
 
-TEST(Subscriber, EachRegistrationGetsAPoolOfOneThreadNamedDovaPool) {
-  korcommon::testing::StandInHandle handle(true, 1);
-  DiagnosticSubscriber first;
-  DiagnosticSubscriber second;
-  ASSERT_TRUE(handle.subscribe(first, true, true, -1));
-  ASSERT_TRUE(handle.subscribe(second, true, true, -1));
-  ASSERT_NE(first.topic_id, second.topic_id);
-  ASSERT_EQ(handle.pools.size(), 2u);
-  EXPECT_EQ(handle.subscribers[second.topic_id], &second);
-  // A pool of more threads would name them dova_pool_0, dova_pool_1, ...
-  auto workers = std::make_shared<korcommon::testing::Inbox<std::string>>();
-  for (const auto& pool : handle.pools) {
-    pool.second->post([workers] { workers->add(korcommon::testing::currentThreadName()); });
+// Threads of this process named "dova_pool".
+size_t poolThreads() {
+  size_t count = 0;
+  if (DIR* tasks = opendir("/proc/self/task")) {
+    while (const dirent* entry = readdir(tasks)) {
+      std::string name;
+      std::getline(std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm"), name);
+      count += name == "dova_pool";
+    }
+    closedir(tasks);
   }
-  ASSERT_TRUE(workers->waitFor(2));
-  EXPECT_EQ(workers->items(), (std::vector<std::string>{"dova_pool", "dova_pool"}));
+  return count;
+}
+
+// Whether they come back to `count` within a deadline (a released pool's worker leaves a
+// moment after the pool is gone).
+bool poolThreadsReturnTo(size_t count) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (poolThreads() != count && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return poolThreads() == count;
+}
+
+TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
+  const size_t pool_threads = poolThreads();
+  const korcommon::testing::TraceCapture refusals;  // too late: refused with an error
+  std::vector<std::unique_ptr<DiagnosticSubscriber>> subscribers;
+  const auto subscribe = [&subscribers](dova::NodeHandleBase* handle) {
+    subscribers.push_back(std::make_unique<DiagnosticSubscriber>());
+    subscribers.back()->setTopic("/diagnostics_value");
+    handle->subscribe(*subscribers.back(), false, true, -1);
+  };
+  // A registration that passed the inited check just before shutdown records its pool
+  // after shutdown released the others.
+  ASSERT_TRUE(dova::init("racer", dova::Options{"local", 1, true, -1}));
+  dova::NodeHandleBase* stopped = dova::nh();
+  dova::shutdown();
+  stopped->inited = 1;  // as the registration saw it
+  subscribe(stopped);
+  EXPECT_TRUE(stopped->pools.empty()) << "a pool nothing will ever post to";
+  EXPECT_TRUE(poolThreadsReturnTo(pool_threads));
+
+  // The same race run for real: registrations on one thread, shutdown on another.
+  for (int round = 0; round < 20; ++round) {
+    ASSERT_TRUE(dova::init("racer", dova::Options{"local", 1 + round % 2, true, -1}));
+    dova::NodeHandleBase* handle = dova::nh();
+    std::atomic<bool> started{false};
+    std::thread racing([&] {
+      started = true;
+      for (int i = 0; i < 8; ++i) subscribe(handle);
+    });
+    while (!started) std::this_thread::yield();
+    dova::shutdown();
+    racing.join();
+  }
+  EXPECT_TRUE(poolThreadsReturnTo(pool_threads));
 }
 
 }  // namespace
