@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -30,6 +28,7 @@
 #include "scoped_env.h"
 #include "stand_in_handle.h"
 #include "table_rows.h"
+#include "threads.h"
 
 namespace {
 
@@ -138,13 +137,18 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
   EXPECT_GE(record.header.stamp.toSec(), before.toSec());
   EXPECT_LE(record.header.stamp.toSec(), after.toSec());
 
-  // Level: the low 8 bits; file: the last path component; thread: the caller's.
+  // Level: the low 8 bits; file: the last path component; ids: the process's and the calling
+  // thread's, in the record and on the screen.
+  const ScopedEnv screen("DOVA_LOG_SCREEN", "1");
   uint64_t worker = 0;
+  std::string printed;
   std::thread([&] {
     worker = threadId();
-    korcommon::mtrace(300, "/abs//dir/x.h", 7, "f", "x");
-    korcommon::mtrace(2, nullptr, 7, "f", "x");
-    korcommon::mtrace(2, "dir/", 7, "f", "x");
+    printed = screenOutput([] {
+      korcommon::mtrace(300, "/abs//dir/x.h", 7, "f", "x");
+      korcommon::mtrace(2, nullptr, 7, "f", "x");
+      korcommon::mtrace(2, "dir/", 7, "f", "x");
+    });
   }).join();
   records = handle_.records.take();
   ASSERT_EQ(records.size(), 3u);
@@ -152,6 +156,9 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
   EXPECT_EQ(records[0]->file + "|" + records[1]->file + "|" + records[2]->file, "x.h||");
   EXPECT_EQ(records[0]->tid, worker);
   EXPECT_NE(worker, threadId());
+  EXPECT_NE(printed.find("(" + std::to_string(getpid()) + "/" + std::to_string(worker) + "): "),
+            std::string::npos)
+      << printed;
 }
 
 TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
@@ -171,17 +178,6 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
                          "hi\\x1b\\[1;00m\\n")))
       << output;
 
-  // The ids are the process's and the calling thread's.
-  uint64_t worker = 0;
-  std::string from_worker;
-  std::thread([&] {
-    worker = threadId();
-    from_worker = screenOutput([] { korcommon::mtrace(2, "c.cpp", 1, "f", "x"); });
-  }).join();
-  EXPECT_NE(from_worker.find("(" + std::to_string(getpid()) + "/" + std::to_string(worker) + "): "),
-            std::string::npos)
-      << from_worker;
-
   // Nanoseconds are not padded: seen on a line from the first tenth of a second.
   bool short_seen = false;
   for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -194,18 +190,14 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
   EXPECT_TRUE(short_seen) << "no line from the first tenth of a second";
 
   // Letter and colour by level; a null file prints an empty name.
-  for (const auto& [level, expected] : std::vector<std::pair<int, std::string>>{{1, "D/ 00"},
-                                                                                {2, "I/ 00"},
-                                                                                {4, "W/ 33"},
-                                                                                {8, "E/ 31"},
-                                                                                {16, "F/ 31"},
-                                                                                {32, "D/ 00"},
-                                                                                {3, "D/ 00"}}) {
+  std::string letters;
+  for (const int level : {1, 2, 4, 8, 16, 32, 3}) {
     const std::string line = screenOutput([&] { korcommon::mtrace(level, nullptr, 1, "f", "x"); });
     const size_t colour = line.find("): \x1b[1;") + 7;
-    EXPECT_EQ(line.substr(24, 2) + " " + line.substr(colour, 2), expected) << line;
+    letters += line.substr(24, 2) + line.substr(colour, 2) + " ";
     EXPECT_EQ(line.compare(colour + 2, 9, "m(1) clk("), 0) << line;
   }
+  EXPECT_EQ(letters, "D/00 I/00 W/33 E/31 F/31 D/00 D/00 ");
   // The variable is read at every call and must be 1 as an integer.
   const std::vector<std::optional<std::string>> settings = {std::nullopt, "2",  "0",  "",  "-1",
                                                             "1",          " 1", "1x", "01"};
@@ -262,27 +254,22 @@ std::string numbered(int number) { return "message number " + std::to_string(num
 TEST_F(TraceLogger, RecordsAreNeverRewrittenWhileHeld) {
   std::vector<std::pair<int, LogRecord>> held;
   std::vector<std::weak_ptr<const Log>> watched;
-  std::mutex mutex;
-  std::condition_variable ready;
-  std::vector<std::pair<int, LogRecord>> queue;
-  bool finished = false;
+  korcommon::testing::Inbox<std::pair<int, LogRecord>> queue;
   int call = 0;
   handle_.on_log = [&](const LogRecord& record) {
     if (call % 3 == 0) held.emplace_back(call, record);
     watched.push_back(record);
-    std::lock_guard<std::mutex> lock(mutex);
-    queue.emplace_back(call++, record);
-    ready.notify_one();
+    queue.add({call++, record});
   };
+  int checked = 0;
   int mismatches = 0;
   std::thread consumer([&] {
-    std::unique_lock<std::mutex> lock(mutex);
-    while (ready.wait(lock, [&] { return !queue.empty() || finished; }), !queue.empty()) {
-      std::vector<std::pair<int, LogRecord>> batch = std::exchange(queue, {});
-      lock.unlock();
-      for (const auto& [number, record] : batch) mismatches += record->msg != numbered(number);
-      batch.clear();  // released here, on the consumer's thread
-      lock.lock();
+    // Each batch is released here, on the consumer's thread.
+    while (checked < 3002 && queue.waitFor(1)) {
+      for (const auto& [number, record] : queue.take()) {
+        mismatches += record->msg != numbered(number);
+        ++checked;
+      }
     }
   });
   for (int i = 0; i < 3000; ++i) korcommon::mtrace(2, "c.cpp", i, "f", "%s", numbered(i).c_str());
@@ -294,13 +281,9 @@ TEST_F(TraceLogger, RecordsAreNeverRewrittenWhileHeld) {
     static_cast<void>(&tracer);
     korcommon::mtrace(2, "c.cpp", 1, "f", "%s", numbered(3000).c_str());
   }).join();
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    finished = true;
-    ready.notify_one();
-  }
   consumer.join();
   EXPECT_EQ(call, 3002);
+  EXPECT_EQ(checked, 3002);
   EXPECT_EQ(mismatches, 0);
   for (const auto& [number, record] : held) EXPECT_EQ(record->msg, numbered(number));
   for (size_t i = 0; i < 3000; ++i) EXPECT_EQ(watched[i].expired(), i % 3 != 0) << i;

@@ -83,42 +83,27 @@ TEST_F(ParamTest, ValuesComeBackExactly) {
   }
 }
 
-TEST_F(ParamTest, SetKeepsOtherKeysAndUpdatesInPlace) {
-  writeFile("mixed.yaml", "name: robot\nlimits: [1, 2.5]\nnested: {a: 1}\nsn: old\n");
+// That every other key survives a set() is the parameter fuzzer's property; here the key's
+// place, the file's mode and the Param's own view.
+TEST_F(ParamTest, SetUpdatesInPlace) {
+  writeFile("mixed.yaml", "name: robot\nnested: {a: 1}\nsn: old\nlast: 1\n");
+  ASSERT_EQ(chmod(path("mixed.yaml").c_str(), 0777), 0);
   dova::Param param(path("mixed.yaml"));
   param.set("sn", "new");
-  param.set("offsets", std::vector<double>{0.5, -1.25});
-
-  // Another Param reads every key; the same Param sees its own writes.
-  std::string name;
   std::string sn;
-  std::vector<double> limits;
-  std::vector<double> offsets;
-  dova::Param reread(path("mixed.yaml"));
-  EXPECT_TRUE(reread.get("name", name) && reread.get("sn", sn) && reread.get("limits", limits) &&
-              reread.get("offsets", offsets));
-  EXPECT_EQ(name + " " + sn, "robot new");
-  EXPECT_EQ(limits, (std::vector<double>{1.0, 2.5}));
-  EXPECT_EQ(offsets, (std::vector<double>{0.5, -1.25}));
   EXPECT_TRUE(param.get("sn", sn) && sn == "new");
-  // The key keeps its place, and a rewrite keeps the file's mode.
   const std::string text = readFile("mixed.yaml");
-  EXPECT_LT(text.find("nested"), text.find("sn"));
-  ASSERT_EQ(chmod(path("mixed.yaml").c_str(), 0777), 0);
-  param.set("sn", "newer");
+  EXPECT_LT(text.find("nested"), text.find("sn: \"new\""));
+  EXPECT_LT(text.find("sn: \"new\""), text.find("last"));
   struct stat status {};
   ASSERT_EQ(stat(path("mixed.yaml").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0777u);
 }
 
 TEST_F(ParamTest, MalformedOrWrongShapedFilesThrowNamingThePath) {
-  const std::vector<std::string> bad_documents = {
-      "[1, 2, 3]\n",       // a list, not a mapping
-      "just a scalar\n",   // a scalar
-      "key: [unclosed\n",  // a syntax error
-      "a: 1\na: {\n",      // a syntax error after a good line
-  };
-  for (const std::string& content : bad_documents) {
+  // A list or a scalar, not a mapping, and syntax errors, one after a good line.
+  for (const std::string content :
+       {"[1, 2, 3]\n", "just a scalar\n", "key: [unclosed\n", "a: 1\na: {\n"}) {
     writeFile("bad.yaml", content);
     try {
       dova::Param param(path("bad.yaml"));
