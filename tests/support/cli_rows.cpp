@@ -36,17 +36,17 @@ std::string text(const Object& row, const char* name,
   return member == row.end() ? "" : text(member->element, variables);
 }
 
-void expectText(const std::string& actual, const std::string& expected, const char* stream) {
+}  // namespace
+
+void expectText(const std::string& actual, const std::string& expected, const char* what) {
   if (!expected.empty() && expected[0] == '~') {
     EXPECT_TRUE(std::regex_match(actual, std::regex(expected.substr(1))))
-        << stream << ":\n"
+        << what << ":\n"
         << actual << "does not match " << expected.substr(1);
   } else {
-    EXPECT_EQ(actual, expected) << stream;
+    EXPECT_EQ(actual, expected) << what;
   }
 }
-
-}  // namespace
 
 ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
                    const std::string& input, std::chrono::milliseconds timeout) {

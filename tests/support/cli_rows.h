@@ -39,6 +39,10 @@ struct CliRow {
 std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
                            const std::map<std::string, std::string>& variables = {});
 
+// Checks `actual` against a row's `expected` text (exact, or a regular expression after '~');
+// a failure names `what`.
+void expectText(const std::string& actual, const std::string& expected, const char* what);
+
 // Runs each row's command, in turn or, `together`, all at once, and checks its answer; a
 // failure names the row.
 void expectRows(const std::string& program, const std::vector<CliRow>& rows, bool together = false);
