@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -34,16 +36,41 @@ constexpr char kLoopbackConfiguration[] =
 
 constexpr int kTakeBatch = 32;
 constexpr dds_duration_t kAckWait = DDS_SECS(2);
+constexpr dds_duration_t kWriteWait = DDS_SECS(5);
 
 // "/diagnostics_value" is carried on the DDS topic "dova/diagnostics_value".
 std::string ddsTopicName(const std::string& topic) {
   return topic.rfind('/', 0) == 0 ? "dova" + topic : "dova/" + topic;
 }
 
-// A reader and the function its frames go to.
+// How many of Cyclone's listener calls of a transport the calling thread is inside.
+int& listenerDepth() {
+  thread_local int depth = 0;
+  return depth;
+}
+
+// Marks the calling thread as one of Cyclone's, running a listener, for a scope.
+class InListener {
+ public:
+  InListener() { ++listenerDepth(); }
+  ~InListener() { --listenerDepth(); }
+  InListener(const InListener&) = delete;
+  InListener& operator=(const InListener&) = delete;
+};
+
+// The function a reader's frames go to.
 struct Reader {
-  dds_entity_t entity = 0;
   RemoteFrameHandler handler;
+  const std::atomic<bool>* stopping = nullptr;  // the transport's: no handler starts once set
+};
+
+// A frame published from a listener, copied, in line for the sending thread.
+struct PendingFrame {
+  std::string topic;
+  dds_entity_t writer = 0;
+  std::string md5;
+  std::string key;
+  std::vector<uint8_t> bytes;
 };
 
 // Hands every frame waiting in `reader` to its handler, in the order they were
@@ -52,7 +79,7 @@ struct Reader {
 // that waits is taken first, then ordered by the writers' time stamps (a
 // writer's stamps never go back while its clock does not, and samples with
 // equal stamps keep the order of the take).
-void deliverWaiting(const Reader& reader) {
+void deliverWaiting(dds_entity_t entity, const Reader& reader) {
   struct Batch {
     void* samples[kTakeBatch] = {};
     dds_sample_info_t infos[kTakeBatch];
@@ -62,7 +89,7 @@ void deliverWaiting(const Reader& reader) {
   std::vector<std::pair<dds_time_t, const dova_wire_Frame*>> frames;
   for (;;) {
     auto batch = std::make_unique<Batch>();  // samples[0] null: borrowed from Cyclone
-    batch->taken = dds_take(reader.entity, batch->samples, batch->infos, kTakeBatch, kTakeBatch);
+    batch->taken = dds_take(entity, batch->samples, batch->infos, kTakeBatch, kTakeBatch);
     if (batch->taken <= 0) break;
     for (int i = 0; i < batch->taken; ++i) {
       if (!batch->infos[i].valid_data) continue;
@@ -78,52 +105,53 @@ void deliverWaiting(const Reader& reader) {
     reader.handler(frame.md5 == nullptr ? std::string() : std::string(frame.md5),
                    frame.data._buffer, frame.data._length);
   }
-  for (const auto& batch : batches) dds_return_loan(reader.entity, batch->samples, batch->taken);
+  for (const auto& batch : batches) dds_return_loan(entity, batch->samples, batch->taken);
 }
 
-// Frames arrive on a thread of the transport's own, not in a Cyclone listener:
-// a listener runs on Cyclone's receive thread, which also takes in the
-// acknowledgements for this process's writers. A handler that publishes from
-// there blocks, once the writer holds too many unacknowledged frames, on
-// acknowledgements that the blocked thread itself would have to read, until
-// the write times out and the frame is lost.
-class DdsTransport : public Transport {
+// Cyclone's listener: frames are handed over on the thread that received them.
+// Cyclone never runs two of one reader's listener calls at once.
+void onDataAvailable(dds_entity_t entity, void* argument) {
+  const Reader& reader = *static_cast<const Reader*>(argument);
+  if (reader.stopping->load(std::memory_order_acquire)) return;
+  const InListener in_listener;
+  deliverWaiting(entity, reader);
+}
+
+// Frames arrive in a Cyclone listener, on the thread that received them: the
+// shortest way from the network to a subscriber. That thread also takes in
+// the acknowledgements for this process's writers, so a handler that
+// publishes must never write there: once the writer held too many
+// unacknowledged frames, the write would wait for acknowledgements only the
+// waiting thread could read, until it timed out and the frame was lost.
+// Frames published from a listener are queued, in order, for a sending
+// thread of the transport; other threads write at once and wait when they must.
+// Thread-safe; DdsTransport below owns it, together with a teardown that may
+// outlive the transport object.
+class DdsLinks {
  public:
-  DdsTransport(dds_entity_t domain, dds_entity_t participant, std::string publisher)
-      : domain_(domain),
-        participant_(participant),
-        publisher_(std::move(publisher)),
-        waitset_(dds_create_waitset(participant)),
-        wake_(dds_create_guardcondition(participant)) {
-    dds_waitset_attach(waitset_, wake_, 0);
-    delivery_ = std::thread([this] { deliver(); });
+  DdsLinks(dds_entity_t domain, dds_entity_t participant, std::string publisher)
+      : domain_(domain), participant_(participant), publisher_(std::move(publisher)) {
+    sender_ = std::thread([this] { sendQueued(); });
   }
 
-  ~DdsTransport() override { stop(); }
-
-  bool reachesOtherProcesses() const override { return true; }
+  DdsLinks(const DdsLinks&) = delete;
+  DdsLinks& operator=(const DdsLinks&) = delete;
 
   void send(const std::string& topic, const std::string& md5, const std::string& key,
-            const uint8_t* frame, size_t size) override {
+            const uint8_t* frame, size_t size) {
     const dds_entity_t writer = writerFor(topic);
     if (writer <= 0) return;
-    dova_wire_Frame sample{};
-    sample.publisher = const_cast<char*>(publisher_.c_str());
-    sample.key = const_cast<char*>(key.c_str());
-    sample.md5 = const_cast<char*>(md5.c_str());
-    sample.data._buffer = const_cast<uint8_t*>(frame);
-    sample.data._length = static_cast<uint32_t>(size);
-    sample.data._maximum = static_cast<uint32_t>(size);
-    sample.data._release = false;
-    const dds_return_t result = dds_write(writer, &sample);
-    if (result != DDS_RETCODE_OK) {
-      mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
-             topic.c_str(), dds_strretcode(result));
+    if (listenerDepth() > 0) {
+      std::lock_guard<std::mutex> lock(queue_mutex_);
+      queue_.push_back(
+          PendingFrame{topic, writer, md5, key, std::vector<uint8_t>(frame, frame + size)});
+      queue_changed_.notify_one();
+      return;
     }
+    write(topic, writer, md5, key, frame, size);
   }
 
-  bool listen(const std::string& topic, bool latched, bool reliable,
-              RemoteFrameHandler handler) override {
+  bool listen(const std::string& topic, bool latched, bool reliable, RemoteFrameHandler handler) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return false;
     const dds_entity_t dds_topic = topicFor(topic);
@@ -139,21 +167,22 @@ class DdsTransport : public Transport {
 
     auto context = std::make_unique<Reader>();
     context->handler = std::move(handler);
-    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, nullptr);
+    context->stopping = &stopping_;
+    dds_listener_t* listener = dds_create_listener(context.get());
+    dds_lset_data_available(listener, onDataAvailable);
+    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, listener);
+    dds_delete_listener(listener);
     dds_delete_qos(qos);
     if (reader < 0) {
       mtrace(ERROR, __FILE__, __LINE__, "listen", false, "topic %s: cannot create a reader: %s",
              topic.c_str(), dds_strretcode(reader));
       return false;
     }
-    context->entity = reader;
-    dds_set_status_mask(reader, DDS_DATA_AVAILABLE_STATUS);
-    dds_waitset_attach(waitset_, reader, reinterpret_cast<dds_attach_t>(context.get()));
     readers_.push_back(std::move(context));
     return true;
   }
 
-  int matchedSubscribers(const std::string& topic) override {
+  int matchedSubscribers(const std::string& topic) {
     const dds_entity_t writer = writerFor(topic);
     if (writer <= 0) return 0;
     dds_publication_matched_status_t status{};
@@ -161,32 +190,63 @@ class DdsTransport : public Transport {
     return static_cast<int>(status.current_count);
   }
 
-  void stop() override {
+  // Refuses later writes and readers and keeps handlers from starting; false
+  // when stopping had begun before.
+  bool beginStop() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return false;
+    stopped_ = true;  // from here on writers_ and readers_ no longer change
+    stopping_.store(true, std::memory_order_release);
+    return true;
+  }
+
+  // REQUIRES: beginStop() returned true, and the calling thread is not in a listener call.
+  void finishStop() {
+    // What listeners queued goes out first.
     {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (stopped_) return;
-      stopped_ = true;  // from here on writers_ no longer changes
+      std::lock_guard<std::mutex> lock(queue_mutex_);
+      draining_ = true;
+      queue_changed_.notify_all();
     }
+    sender_.join();
     // Reliable delivery: let the matched readers acknowledge what was sent.
     for (const auto& writer : writers_) dds_wait_for_acks(writer.second, kAckWait);
-    // The handler running now, if any, is the last one.
-    stopping_ = true;
-    dds_set_guardcondition(wake_, true);
-    delivery_.join();
-    // Deleting the participant deletes its readers, writers and the waitset.
+    // Deleting the participant deletes its readers, writers and listeners,
+    // and waits for the listener call running now, if any.
     dds_delete(participant_);
     dds_delete(domain_);
   }
 
  private:
-  // The delivery thread: waits for frames on every reader until stop().
-  void deliver() {
-    dds_attach_t ready[kTakeBatch];
-    while (!stopping_) {
-      const dds_return_t count = dds_waitset_wait(waitset_, ready, kTakeBatch, DDS_INFINITY);
-      for (dds_return_t i = 0; i < count && !stopping_; ++i) {
-        if (ready[i] != 0) deliverWaiting(*reinterpret_cast<const Reader*>(ready[i]));
-      }
+  void write(const std::string& topic, dds_entity_t writer, const std::string& md5,
+             const std::string& key, const uint8_t* frame, size_t size) {
+    dova_wire_Frame sample{};
+    sample.publisher = const_cast<char*>(publisher_.c_str());
+    sample.key = const_cast<char*>(key.c_str());
+    sample.md5 = const_cast<char*>(md5.c_str());
+    sample.data._buffer = const_cast<uint8_t*>(frame);
+    sample.data._length = static_cast<uint32_t>(size);
+    sample.data._maximum = static_cast<uint32_t>(size);
+    sample.data._release = false;
+    const dds_return_t result = dds_write(writer, &sample);
+    if (result != DDS_RETCODE_OK) {
+      mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
+             topic.c_str(), dds_strretcode(result));
+    }
+  }
+
+  // The sending thread: writes what listeners queued, in order, until stop()
+  // has had the queue emptied. It may wait: it never runs a listener.
+  void sendQueued() {
+    std::unique_lock<std::mutex> lock(queue_mutex_);
+    for (;;) {
+      queue_changed_.wait(lock, [this] { return !queue_.empty() || draining_; });
+      if (queue_.empty()) return;
+      PendingFrame& next = queue_.front();
+      lock.unlock();  // listeners only append meanwhile; the front stays
+      write(next.topic, next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size());
+      lock.lock();
+      queue_.pop_front();  // only now: an empty queue means all of it was written
     }
   }
 
@@ -205,6 +265,7 @@ class DdsTransport : public Transport {
     return created;
   }
 
+  // 0 once stopped or when the writer cannot be created.
   dds_entity_t writerFor(const std::string& topic) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return 0;
@@ -214,7 +275,7 @@ class DdsTransport : public Transport {
     if (dds_topic <= 0) return 0;
 
     dds_qos_t* qos = dds_create_qos();
-    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(5));
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, kWriteWait);
     // Every frame reaches every live reader; a reader that joins later gets
     // the latest frame of each key only.
     dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
@@ -236,16 +297,53 @@ class DdsTransport : public Transport {
   const dds_entity_t domain_;
   const dds_entity_t participant_;
   const std::string publisher_;
-  const dds_entity_t waitset_;
-  const dds_entity_t wake_;  // triggered by stop()
   std::atomic<bool> stopping_{false};
-  std::thread delivery_;
+
+  std::mutex queue_mutex_;  // guards the two below
+  std::deque<PendingFrame> queue_;
+  bool draining_ = false;  // set by stop(): the sending thread ends once the queue is empty
+  std::condition_variable queue_changed_;
+  std::thread sender_;
 
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
   std::map<std::string, dds_entity_t> topics_;
   std::map<std::string, dds_entity_t> writers_;
-  std::vector<std::unique_ptr<Reader>> readers_;  // what the waitset points to
+  std::vector<std::unique_ptr<Reader>> readers_;  // what the listeners point to
+};
+
+class DdsTransport : public Transport {
+ public:
+  explicit DdsTransport(std::shared_ptr<DdsLinks> links) : links_(std::move(links)) {}
+  ~DdsTransport() override { stop(); }
+
+  bool reachesOtherProcesses() const override { return true; }
+  void send(const std::string& topic, const std::string& md5, const std::string& key,
+            const uint8_t* frame, size_t size) override {
+    links_->send(topic, md5, key, frame, size);
+  }
+  bool listen(const std::string& topic, bool latched, bool reliable,
+              RemoteFrameHandler handler) override {
+    return links_->listen(topic, latched, reliable, std::move(handler));
+  }
+  int matchedSubscribers(const std::string& topic) override {
+    return links_->matchedSubscribers(topic);
+  }
+
+  void stop() override {
+    if (!links_->beginStop()) return;
+    if (listenerDepth() == 0) {
+      links_->finishStop();
+      return;
+    }
+    // Stopped by a handler: the deletions would wait for the very listener
+    // call making them, and the acknowledgements waited for arrive on its
+    // thread. The rest runs on a thread of its own, which holds the links.
+    std::thread([links = links_] { links->finishStop(); }).detach();
+  }
+
+ private:
+  const std::shared_ptr<DdsLinks> links_;
 };
 
 }  // namespace
@@ -277,7 +375,7 @@ std::unique_ptr<Transport> createDdsTransport(const TransportSettings& settings,
   // Unique per process run, so two runs of one node never share DDS instances.
   const std::string publisher =
       settings.node_name + "/" + std::to_string(getpid()) + "/" + guid::uuid().substr(0, 8);
-  return std::make_unique<DdsTransport>(domain, participant, publisher);
+  return std::make_unique<DdsTransport>(std::make_shared<DdsLinks>(domain, participant, publisher));
 }
 
 }  // namespace dova::platform
