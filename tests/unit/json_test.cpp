@@ -1,35 +1,51 @@
+// The JSON library: what the reader makes of texts and streams, what the writer writes, and how
+// the elements behave as values.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <iomanip>
 #include <iterator>
+#include <limits>
+#include <locale>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "dova/json/elements.h"
 #include "dova/json/reader.h"
 #include "dova/json/writer.h"
 #include "table_rows.h"
 
 namespace {
 
+using dova::json::Array;
+using dova::json::Boolean;
+using dova::json::Exception;
+using dova::json::Null;
+using dova::json::Number;
 using dova::json::Object;
 using dova::json::Reader;
+using dova::json::String;
+using dova::json::UnknownElement;
+using dova::json::Writer;
+
+template <typename ElementT>
+std::string write(const ElementT& element, bool indented = false) {
+  std::ostringstream stream;
+  Writer::Write(element, stream, indented);
+  return stream.str();
+}
 
 std::string where(const Reader::Location& location) {
   return std::to_string(location.line) + "," + std::to_string(location.column) + "," +
          std::to_string(location.offset);
-}
-
-std::string write(const Object& object) {
-  std::ostringstream stream;
-  dova::json::Writer::Write(object, stream);
-  return stream.str();
 }
 
 // The compact text of what the reader makes of `text` (read into `object`), or "scan |", "parse |"
@@ -227,6 +243,213 @@ TEST(JsonReader, JsonTestSuiteReadsRoundTripOrFailCleanly) {
   EXPECT_EQ(refused_valid_objects,
             (std::set<std::string>{"y_object_duplicated_key.json",
                                    "y_object_duplicated_key_and_value.json"}));
+}
+
+TEST(JsonWriter, CompactAndIndentedLayouts) {
+  Object object;
+  object["a"] = Number(1);
+  object["b"][size_t{1}] = Null();
+  object["b"][size_t{0}] = Boolean(true);
+  object["c"] = Object();
+  object["d"] = Array();
+  EXPECT_EQ(write(object), R"({"a":1,"b":[true,null],"c":{},"d":[]})");
+  EXPECT_EQ(
+      write(object, true),
+      "{\n\t\"a\" : 1,\n\t\"b\" : [\n\t\ttrue,\n\t\tnull\n\t],\n\t\"c\" : {},\n\t\"d\" : []\n}");
+  EXPECT_EQ(write(Object(), true), "{}");
+  EXPECT_EQ(write(Array(), true), "[]");
+  EXPECT_EQ(write(UnknownElement(Boolean(false))), "false");
+}
+
+TEST(JsonWriter, QuotesNamesAndValuesAlike) {
+  for (const auto& row : korcommon::testing::tableRows("json/quoting.txt", 3)) {
+    Object object;
+    object[row[0]] = String(row[0]);
+    EXPECT_EQ(write(object), "{" + row[1] + ":" + row[1] + "}") << row[2];
+  }
+}
+
+TEST(JsonWriter, NumbersAreTwentyDigitsAsPrintfWritesThem) {
+  using limits = std::numeric_limits<double>;
+  std::vector<double> values = {
+      -0.0,          limits::infinity(),  -limits::infinity(), std::nan(""), 18446744073709551616.0,
+      limits::max(), limits::denorm_min()};
+  // The magnitudes documents hold with their neighbours, and binary fractions, whose digits end
+  // in exact ties.
+  for (double value = 1e-15; value < 1e22; value *= 1.0123) {
+    values.insert(values.end(), {value, std::nextafter(value, 0.0), -std::nextafter(value, 1e300)});
+  }
+  for (int whole = 1; whole < 100000; whole += 997) {
+    for (int shift = 0; shift < 45; shift += 4) values.push_back(std::ldexp(whole, -shift));
+  }
+  for (const double value : values) {
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "%.20g", value);
+    ASSERT_EQ(write(UnknownElement(Number(value))), expected);
+  }
+}
+
+class GroupThousands : public std::numpunct<char> {
+ protected:
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(JsonWriter, UsesAndLeavesTheStreamsFormatting) {
+  std::ostringstream stream;
+  stream << std::hex;
+  Writer::Write(UnknownElement(Number(255)), stream);
+  Writer::Write(UnknownElement(String("\xC3\xA9")), stream);
+  EXPECT_EQ(stream.precision(), 20);
+  EXPECT_EQ(stream.fill(), '0');
+  EXPECT_EQ(stream.width(), 0);
+  stream << 255;
+  EXPECT_EQ(stream.str(), "255\"\\u00e9\"ff");
+
+  // Flags, a width and a locale the caller set apply as to any insertion.
+  Array array;
+  array.Insert(Number(1e20));
+  array.Insert(String("\xC3\xA9"));
+  array.Insert(Number(2));
+  std::ostringstream signed_stream;
+  signed_stream << std::showpos << std::setw(8);
+  Writer::Write(array, signed_stream);
+  EXPECT_EQ(signed_stream.str(), R"([  +1e+20,"\u00e9",+2])");
+  std::ostringstream upper;
+  upper << std::uppercase;
+  Writer::Write(array, upper);
+  EXPECT_EQ(upper.str(), R"([1E+20,"\u00E9",2])");
+  std::ostringstream grouped;
+  grouped.imbue(std::locale(grouped.getloc(), new GroupThousands));
+  Writer::Write(UnknownElement(Number(1700000000.0)), grouped);
+  EXPECT_EQ(grouped.str(), "1,700,000,000");
+
+  std::ostringstream failed;
+  failed.setstate(std::ios_base::badbit);
+  Writer::Write(UnknownElement(String("\xC3\xA9")), failed);
+  EXPECT_EQ(failed.str(), "");
+}
+
+// Records how much text had arrived at each flush.
+class FlushRecorder : public std::stringbuf {
+ public:
+  std::vector<size_t> flushed_at;
+
+ protected:
+  int sync() override {
+    flushed_at.push_back(str().size());
+    return 0;
+  }
+};
+
+TEST(JsonWriter, FlushesAtEachIndentedLineAndAtTheEnd) {
+  Object object;
+  object["a"] = Number(1);
+  object["b"] = Array();
+  for (const bool indented : {false, true}) {
+    FlushRecorder buffer;
+    std::ostream stream(&buffer);
+    Writer::Write(object, stream, indented);
+    // "{\n", "\t\"a\" : 1,\n", "\t\"b\" : []\n", "}"
+    const std::vector<size_t> expected =
+        indented ? std::vector<size_t>{2, 12, 22, 23} : std::vector<size_t>{14};
+    EXPECT_EQ(buffer.flushed_at, expected);
+  }
+}
+
+std::string error(void (*access)()) {
+  try {
+    access();
+  } catch (const Exception& thrown) {
+    return thrown.what();
+  }
+  return "no exception";
+}
+
+TEST(JsonElements, NonConstAccessConvertsAndGrowsConstAccessThrows) {
+  UnknownElement element = String("text");
+  EXPECT_EQ(element.ConvertTo<Number>().Value(), 0.0);  // another kind becomes the default
+  element.ConvertTo<Number>() = 7.5;                    // the same kind is kept in place
+  EXPECT_EQ(element.CastTo<Number>().Value(), 7.5);
+  EXPECT_EQ(write(element.ConvertTo<Array>()), "[]");
+  element[size_t{2}] = String("x");
+  element["a"]["b"].ConvertTo<Number>();
+  element["c"];
+  EXPECT_EQ(write(element), R"({"a":{"b":0},"c":null})");
+  element["a"] = Boolean(true);
+  EXPECT_EQ(write(element), R"({"a":true,"c":null})");  // new names at the end, old ones in place
+  element = Array();
+  element[size_t{2}] = String("x");
+  EXPECT_EQ(write(element), R"([null,null,"x"])");
+
+  EXPECT_EQ(error([] { static_cast<void>(UnknownElement(String("t")).CastTo<Number>()); }),
+            "Bad cast");
+  EXPECT_EQ(error([] {
+              const UnknownElement null;
+              static_cast<void>(static_cast<const Boolean&>(null));
+            }),
+            "Bad cast");
+  EXPECT_EQ(error([] {
+              Object object;
+              object.Insert(Object::Member("k", Number(1)));
+              object.Insert(Object::Member("k", Number(2)));
+            }),
+            "Object member already exists: k");
+  Object object;
+  object.Insert(Object::Member("k", Number(1)));
+  const Object::Member again("k");
+  EXPECT_THROW(object.Insert(again), Exception);
+  object.Insert(Object::Member("first"), object.begin());
+  EXPECT_EQ(write(object), R"({"first":null,"k":1})");
+  EXPECT_EQ(object.Find("K"), object.end());
+}
+
+TEST(JsonElements, CopiesAreDeepAndAssignmentFromAChildIsSafe) {
+  UnknownElement original;
+  original["list"][size_t{1}] = Number(2);
+  original["list"][size_t{0}]["name"] = String("a text too long for any small buffer");
+  UnknownElement copy = original;
+  copy["list"][size_t{1}] = Number(3);
+  EXPECT_EQ(write(original), R"({"list":[{"name":"a text too long for any small buffer"},2]})");
+
+  const UnknownElement& itself = original;
+  original = itself;
+  original = original["list"];
+  original = original[size_t{0}];
+  original = std::move(original["name"]);
+  EXPECT_EQ(write(original), R"("a text too long for any small buffer")");
+  UnknownElement moved = std::move(copy);
+  EXPECT_EQ(write(copy), "null");
+  EXPECT_EQ(write(moved), R"({"list":[{"name":"a text too long for any small buffer"},3]})");
+}
+
+TEST(JsonElements, EqualityComparesKindValueAndOrder) {
+  const auto equal = [](const UnknownElement& left, const UnknownElement& right) {
+    return left == right;
+  };
+  EXPECT_TRUE(equal(UnknownElement(), Null()));
+  EXPECT_FALSE(equal(Number(1), Boolean(true)));
+  EXPECT_FALSE(equal(Number(1), String("1")));
+  EXPECT_FALSE(equal(Array(), Object()));
+  EXPECT_TRUE(equal(Number(0.0), Number(-0.0)));
+  EXPECT_FALSE(equal(Number(std::nan("")), Number(std::nan(""))));
+  EXPECT_FALSE(equal(String("a"), String(std::string("a\0", 2))));
+
+  // Members named by the characters of `names`, each with the value 1.
+  const auto object = [](const std::string& names) {
+    UnknownElement built;
+    for (const char name : names) built[std::string(1, name)] = Number(1);
+    return built;
+  };
+  EXPECT_TRUE(equal(object("ab"), object("ab")));
+  EXPECT_FALSE(equal(object("ab"), object("ba")));
+  EXPECT_FALSE(equal(object("ab"), object("ac")));
+  EXPECT_FALSE(equal(object("ab"), object("abc")));
+  EXPECT_FALSE(equal(object("abc"), object("ab")));
+  UnknownElement list;
+  list[size_t{1}] = Number(1);
+  EXPECT_FALSE(equal(list, UnknownElement(Array())));
+  EXPECT_TRUE(equal(list, list));
 }
 
 }  // namespace
