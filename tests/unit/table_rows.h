@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,14 +16,10 @@ namespace korcommon::testing {
 // starting with '#' skipped. The last field of every row says what the row checks. A table that
 // cannot be read, or a row without `fields` fields, fails the test.
 inline std::vector<std::vector<std::string>> tableRows(const std::string& name, size_t fields) {
-  const std::string text = readFile(std::string(KORCOMMON_TEST_DATA_DIR) + "/" + name);
-  EXPECT_FALSE(text.empty()) << name;
+  std::istringstream text(readFile(std::string(KORCOMMON_TEST_DATA_DIR) + "/" + name));
+  EXPECT_FALSE(text.str().empty()) << name;
   std::vector<std::vector<std::string>> rows;
-  size_t start = 0;
-  for (size_t end; start < text.size(); start = end + 1) {
-    end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    const std::string line = text.substr(start, end - start);
+  for (std::string line; std::getline(text, line);) {
     if (line.empty() || line[0] == '#') continue;
     std::vector<std::string> row(1);
     for (size_t at = 0; at < line.size(); ++at) {
