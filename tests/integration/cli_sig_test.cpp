@@ -26,16 +26,13 @@ class CliSig : public ::testing::Test {
   }
 };
 
-TEST_F(CliSig, Make) {
+TEST_F(CliSig, MakeAndInspect) {
   expectRows(
       KORCOMMON_CLI,
       rowsOf("sig.json", "make",
              {{"VERSION", KORCOMMON_VERSION},
               {"GUID", "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"},
               {"NOW", R"(1[0-9]{12}(\.[0-9]+)?)"}}));  // milliseconds since the epoch
-}
-
-TEST_F(CliSig, Inspect) {
   const korcommon::testing::ScratchDirectory files("korcommon_sig");
   const std::string directory = files.path().string();
   korcommon::testing::writeFile(directory + "/valid.json",

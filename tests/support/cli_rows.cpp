@@ -5,38 +5,12 @@
 #include <fstream>
 #include <memory>
 #include <regex>
+#include <utility>
 
 #include "child_process.h"
 #include "dova/json/reader.h"
 
 namespace korcommon::testing {
-namespace {
-
-using dova::json::Object;
-
-std::string substituted(std::string value, const std::map<std::string, std::string>& variables) {
-  for (const auto& [variable, replacement] : variables) {
-    const std::string placeholder = "${" + variable + "}";
-    for (size_t at = 0; (at = value.find(placeholder, at)) != std::string::npos;) {
-      value.replace(at, placeholder.size(), replacement);
-      at += replacement.size();
-    }
-  }
-  return value;
-}
-
-std::string text(const dova::json::UnknownElement& element,
-                 const std::map<std::string, std::string>& variables) {
-  return substituted(static_cast<const dova::json::String&>(element).Value(), variables);
-}
-
-std::string text(const Object& row, const char* name,
-                 const std::map<std::string, std::string>& variables) {
-  const auto member = row.Find(name);
-  return member == row.end() ? "" : text(member->element, variables);
-}
-
-}  // namespace
 
 void expectText(const std::string& actual, const std::string& expected, const char* what) {
   if (!expected.empty() && expected[0] == '~') {
@@ -51,35 +25,49 @@ void expectText(const std::string& actual, const std::string& expected, const ch
 ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
                    const std::string& input, std::chrono::milliseconds timeout) {
   ChildProcess tool(program, arguments, input);
-  ToolResult result{tool.wait(timeout), "", ""};
+  const int status = tool.wait(timeout);
   if (!tool.ended()) {
     std::string command = program;
     for (const std::string& argument : arguments) command += " " + argument;
     ADD_FAILURE() << "timed out: " << command << " still ran after " << timeout.count()
                   << " ms and was killed";
   }
-  result.out = tool.output();
-  result.err = tool.errors();
-  return result;
+  return {status, tool.output(), tool.errors()};
 }
 
 std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
                            const std::map<std::string, std::string>& variables) {
+  using dova::json::Object;
+  const auto text = [&variables](const dova::json::UnknownElement& element) {
+    std::string value = static_cast<const dova::json::String&>(element).Value();
+    for (const auto& [variable, replacement] : variables) {
+      const std::string placeholder = "${" + variable + "}";
+      for (size_t at = 0; (at = value.find(placeholder, at)) != std::string::npos;) {
+        value.replace(at, placeholder.size(), replacement);
+        at += replacement.size();
+      }
+    }
+    return value;
+  };
   Object read;
   std::ifstream stream(std::string(KORCOMMON_TEST_DATA_DIR) + "/cli/" + file);
   dova::json::Reader::Read(read, stream);
-  const Object& document = read;
   std::vector<CliRow> rows;
-  for (const auto& element : static_cast<const dova::json::Array&>(document[group])) {
+  for (const auto& element : static_cast<const dova::json::Array&>(std::as_const(read)[group])) {
     const Object& row = element;
-    rows.push_back({text(row, "why", variables),
-                    {},
-                    static_cast<int>(static_cast<const dova::json::Number&>(row["status"]).Value()),
-                    text(row, "out", variables),
-                    text(row, "err", variables),
-                    text(row, "input", variables)});
+    const auto member = [&](const char* name) {
+      const auto found = row.Find(name);
+      return found == row.end() ? std::string() : text(found->element);
+    };
+    CliRow& added = rows.emplace_back();
+    added = {member("why"),
+             {},
+             static_cast<int>(dova::json::Number(row["status"]).Value()),
+             member("out"),
+             member("err"),
+             member("input")};
     for (const auto& argument : static_cast<const dova::json::Array&>(row["args"])) {
-      rows.back().args.push_back(text(argument, variables));
+      added.args.push_back(text(argument));
     }
   }
   EXPECT_FALSE(rows.empty()) << file << ": no rows in " << group;
