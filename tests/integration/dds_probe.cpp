@@ -41,36 +41,14 @@ namespace {
 using dova::diagnostic_msgs::DiagnosticValue;
 using dova::msgs::kFramePrefixSize;
 
-// Waits up to 30 s for `ready`, polling.
+// Polls `ready` for up to 30 s.
 template <typename Ready>
 bool waitUntil(Ready ready) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!ready()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
+  while (!ready() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return true;
-}
-
-int stayUntilStopped(const sigset_t& stop) {
-  std::fflush(stdout);
-  const timespec limit{60, 0};
-  sigtimedwait(&stop, nullptr, &limit);
-  dova::shutdown();
-  return 0;
-}
-
-// A frame with `node` in its prefix and `value` encoded behind it, damaged as `kind` says.
-std::vector<uint8_t> frameOf(const std::string& node, const DiagnosticValue& value,
-                             const std::string& kind) {
-  std::vector<uint8_t> frame(kFramePrefixSize + static_cast<size_t>(value.serializedLength()));
-  std::memcpy(frame.data(), node.data(), std::min(node.size(), kFramePrefixSize));
-  value.serialize(frame.data() + kFramePrefixSize, value.serializedLength());
-  const uint32_t huge = 0xFFFFFFF0u;  // a name length far beyond the bytes that follow
-  if (kind == "truncated") frame.pop_back();
-  if (kind == "overlong") std::memcpy(frame.data() + kFramePrefixSize + 20, &huge, sizeof huge);
-  if (kind == "short") frame.resize(10);
-  return frame;
+  return ready();
 }
 
 int raw(const std::string& node, const std::vector<std::string>& kinds) {
@@ -87,10 +65,10 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
   dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
   const dds_entity_t writer = dds_create_writer(participant, topic, qos, nullptr);
   dds_delete_qos(qos);
-  if (writer < 0 || !waitUntil([writer] {
-        dds_publication_matched_status_t status{};
-        dds_get_publication_matched_status(writer, &status);
-        return status.current_count > 0;
+  dds_publication_matched_status_t matched{};
+  if (writer < 0 || !waitUntil([&] {
+        dds_get_publication_matched_status(writer, &matched);
+        return matched.current_count > 0;
       })) {
     return 3;
   }
@@ -98,7 +76,14 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
     DiagnosticValue value;
     value.name = "raw/" + kinds[i];
     value.code = static_cast<int>(i);
-    std::vector<uint8_t> frame = frameOf(node, value, kinds[i]);
+    // `node` in the prefix and the encoding behind it, damaged as the kind says.
+    std::vector<uint8_t> frame(kFramePrefixSize + static_cast<size_t>(value.serializedLength()));
+    std::memcpy(frame.data(), node.data(), std::min(node.size(), kFramePrefixSize));
+    value.serialize(frame.data() + kFramePrefixSize, value.serializedLength());
+    const uint32_t huge = 0xFFFFFFF0u;  // a name length far beyond the bytes that follow
+    if (kinds[i] == "truncated") frame.pop_back();
+    if (kinds[i] == "overlong") std::memcpy(&frame[kFramePrefixSize + 20], &huge, sizeof huge);
+    if (kinds[i] == "short") frame.resize(10);
     std::string md5 = kinds[i] == "md5" ? std::string(32, '0') : value.getMD5();
     dova_wire_Frame sample{};
     sample.publisher = const_cast<char*>(node.c_str());
@@ -121,6 +106,13 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.size() >= 3 && args[0] == "raw") return raw(args[1], {args.begin() + 2, args.end()});
+  const bool echo = args.size() == 2 && args[0] == "echo";
+  const bool publish = args.size() == 5 && args[0] == "publish";
+  const bool trace = args.size() == 3 && args[0] == "trace";
+  if (!echo && !publish && !trace) {
+    std::fprintf(stderr, "usage: see the comment at the top of dds_probe.cpp\n");
+    return 2;
+  }
   // Blocked before the middleware starts its threads, so that they inherit the mask and the
   // stop signals wait for sigtimedwait.
   sigset_t stop;
@@ -128,44 +120,38 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-  const int mode = args.size() == 2 && args[0] == "echo" ? 0 : 1;
-  if (args.size() < 2 || !dova::init(args[1], dova::Options{"dds", mode, true, -1})) return 2;
-  if (args[0] == "echo") {
-    dova::Subscriber<DiagnosticValue> echo;
-    echo.setTopic(dova::msgs::kDiagnosticsTopic);
-    echo.callback_kind = 0;
-    echo.callback_ref = [node = args[1]](const DiagnosticValue& value) {
+  if (!dova::init(args[1], dova::Options{"dds", echo ? 0 : 1, true, -1})) return 2;
+  dova::Subscriber<DiagnosticValue> echoing;  // registered until the shutdown below
+  if (echo) {
+    echoing.setTopic(dova::msgs::kDiagnosticsTopic);
+    echoing.callback_kind = 0;
+    echoing.callback_ref = [node = args[1]](const DiagnosticValue& value) {
       if (value.caller_id != node) {
         korcommon::Diagnostics::publish("echo/" + value.name, value.code, 0, value.message);
       }
     };
-    if (!dova::nh()->subscribe(echo, false, true, -1)) return 3;
+    if (!dova::nh()->subscribe(echoing, false, true, -1)) return 3;
     std::printf("ready\n");
-    return stayUntilStopped(stop);
-  }
-  if (args.size() < 3) return 2;
-  if (args.size() == 5 && args[0] == "publish") {
+  } else if (publish) {
     const long count = std::atol(args[2].c_str());
     if (!waitUntil([&] {
-          return dova::remoteSubscriberCount(dova::msgs::kDiagnosticsTopic) >=
-                 std::atoi(args[4].c_str());
+          return dova::remoteSubscriberCount(dova::msgs::kDiagnosticsTopic) >= std::stoi(args[4]);
         })) {
       return 3;
     }
     for (long i = 0; i < count; ++i) {
-      korcommon::Diagnostics::publish(
-          args[1] + "/r" + std::to_string(i % std::atol(args[3].c_str())), static_cast<int>(i), 0,
-          "seq " + std::to_string(i));
+      korcommon::Diagnostics::publish(args[1] + "/r" + std::to_string(i % std::stol(args[3])),
+                                      static_cast<int>(i), 0, "seq " + std::to_string(i));
     }
     std::printf("published %ld\n", count);
-    return stayUntilStopped(stop);
-  }
-  if (args.size() == 3 && args[0] == "trace") {
+  } else {
     const int line = __LINE__ + 1;
     korcommon::mtrace(8, __FILE__, line, "main", "%s", args[2].c_str());
     std::printf("traced at line %d\n", line);
-    return stayUntilStopped(stop);
   }
-  std::fprintf(stderr, "usage: see the comment at the top of dds_probe.cpp\n");
-  return 2;
+  std::fflush(stdout);
+  const timespec limit{60, 0};
+  sigtimedwait(&stop, nullptr, &limit);
+  dova::shutdown();
+  return 0;
 }

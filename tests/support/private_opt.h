@@ -5,16 +5,15 @@
 
 namespace korcommon::testing {
 
-// Moves the calling process into a private mount namespace and mounts an
-// empty tmpfs on /opt there. Must run before any thread starts. Returns false
-// (with the reason in *why) when the machine does not allow it, e.g. when the
-// process is not root; /opt is then left untouched.
-bool enterPrivateOpt(std::string* why);
+// Moves the calling process into a private mount namespace and mounts an empty tmpfs on
+// /opt there. Must run before any thread starts. Where the machine does not allow it, e.g.
+// when the process is not root, /opt is left untouched.
+void enterPrivateOpt();
 
 // True when the process runs on a private /opt set up by enterPrivateOpt().
 bool hasPrivateOpt();
 
-// The reason enterPrivateOpt() failed, for skip messages.
+// Why it does not, for skip messages.
 const std::string& privateOptUnavailableReason();
 
 }  // namespace korcommon::testing

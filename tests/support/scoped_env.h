@@ -11,22 +11,17 @@ namespace korcommon::testing {
 // puts the previous state back afterwards.
 class ScopedEnv {
  public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
+  ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
     if (const char* old = std::getenv(name)) previous_ = old;
     apply(value);
   }
   ~ScopedEnv() { apply(previous_); }
-
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
   void apply(const std::optional<std::string>& value) {
-    if (value) {
-      setenv(name_, value->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
+    value ? setenv(name_, value->c_str(), 1) : unsetenv(name_);
   }
 
   const char* name_;

@@ -5,6 +5,6 @@
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   // Failure is not fatal: tests that need /opt skip themselves and say why.
-  korcommon::testing::enterPrivateOpt(nullptr);
+  korcommon::testing::enterPrivateOpt();
   return RUN_ALL_TESTS();
 }
