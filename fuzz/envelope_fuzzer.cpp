@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "dova/json/reader.h"
 #include "dova/msgs/number_cast.h"
@@ -26,18 +25,18 @@ namespace {
 using dova::json::Object;
 using dova::json::UnknownElement;
 
-std::vector<std::string>& reports() {
-  static std::vector<std::string> collected;
+// The reports made since the last check, each as "function: text".
+std::string& reports() {
+  static std::string collected;
   return collected;
 }
 
 // Checks the reports made since the last call: none when `function` is empty, otherwise exactly
-// one at ERROR (collected as "function: text") under `function` with the reader's message.
+// one at ERROR under `function` with the reader's message.
 void checkReports(const std::string& function, const std::string& error) {
   const std::string expected = function.empty() ? "" : function + ": " + error;
-  std::string made;
-  for (const std::string& report : reports()) made += report;
-  FUZZ_CHECK(made == expected, "reported \"" + made + "\", expected \"" + expected + "\"");
+  FUZZ_CHECK(reports() == expected,
+             "reported \"" + reports() + "\", expected \"" + expected + "\"");
   reports().clear();
 }
 
@@ -64,11 +63,10 @@ void checkGetter(const UnknownElement& element, Getter getter) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // Collected for the checks instead of being printed on standard error.
-  dova::setTraceSink(
-      [](int level, const char*, int, const char* function, const std::string& text) {
-        reports().push_back((level == dova::ERROR ? "" : "(not ERROR) ") + std::string(function) +
-                            ": " + text);
-      });
+  dova::setTraceSink([](int level, const char*, int, const char* function,
+                        const std::string& text) {
+    reports() += (level == dova::ERROR ? "" : "(not ERROR) ") + std::string(function) + ": " + text;
+  });
   return 0;
 }
 
