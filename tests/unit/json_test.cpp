@@ -2,7 +2,6 @@
 // the elements behave as values.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
