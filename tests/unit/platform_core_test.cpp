@@ -1,5 +1,5 @@
 // The platform's lifecycle and small services: init and shutdown, the trace sink, frame
-// prefixes, clocks and durations, identifiers, CPU affinity, paths.
+// prefixes, clocks and durations, identifiers, CPUs, paths.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -189,18 +189,8 @@ TEST(DovaGuid, UuidsAreRandomVersion4AndIdsNeverRepeat) {
   EXPECT_EQ(unique.size(), 80001u) << "80000 different ids, none of them 0";
 }
 
-TEST(DovaCpu, PinsTheCallingThreadOnly) {
-  cpu_set_t main_before;
-  ASSERT_EQ(sched_getaffinity(0, sizeof main_before, &main_before), 0);
-  std::thread([] {
-    dova::cpu::setaffinity(0);
-    cpu_set_t set;
-    ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
-    EXPECT_TRUE(CPU_COUNT(&set) == 1 && CPU_ISSET(0, &set));
-  }).join();
-  cpu_set_t main_after;
-  ASSERT_EQ(sched_getaffinity(0, sizeof main_after, &main_after), 0);
-  EXPECT_TRUE(CPU_EQUAL(&main_before, &main_after));
+TEST(DovaCpu, RefusesCpusThatCannotBeUsed) {
+  // Pinning itself is seen through the pool's workers, which pin with it.
   for (const int cpu : {-1, 100000, CPU_SETSIZE - 1}) {
     EXPECT_THROW(dova::cpu::setaffinity(cpu), std::system_error) << cpu;
   }
@@ -212,13 +202,10 @@ TEST(DovaFilesystem, PathsErrorsAndDirectories) {
   EXPECT_EQ(dfs::path("/a//b").filename().string() + dfs::path("dir/").filename().string(), "b");
   EXPECT_EQ(dfs::path("/opt/quor/x.yaml").parent_path().string(), "/opt/quor");
 
+  // The error's text with a path is seen through the important-data store.
   const std::error_code code(EACCES, std::generic_category());
-  const dfs::filesystem_error with_path(dfs::errorText(EACCES), dfs::path("/opt//x/"), code);
-  const std::system_error& as_system_error = with_path;
-  EXPECT_EQ(std::string(as_system_error.what()),
-            std::string(std::strerror(EACCES)) + ": '/opt/x/'");
-  EXPECT_EQ(with_path.code(), code);
   EXPECT_STREQ(dfs::filesystem_error("no such thing", code).what(), "no such thing");
+  EXPECT_EQ(dfs::filesystem_error("x", dfs::path("/opt//x/"), code).path1().string(), "/opt/x/");
 
   KORCOMMON_REQUIRE_PRIVATE_OPT();
   const mode_t previous = umask(022);
