@@ -19,6 +19,7 @@
 #include "dova/time.h"
 #include "private_opt.h"
 #include "scoped_env.h"
+#include "table_rows.h"
 #include "trace_capture.h"
 
 namespace {
@@ -64,32 +65,21 @@ TEST_F(DovaInit, LifecycleAndTheInstalledHandle) {
 
 TEST_F(DovaInit, OptionsComeBeforeTheEnvironmentAndBadOnesAreRefusedAloud) {
   const korcommon::testing::TraceCapture capture;
-  const struct {
-    const char* node;
-    dova::Options options;
-    int mode;                            // the node's mode, or -1: refused with an ERROR
-    const char* named;                   // in the ERROR
-    const char* variable = "DOVA_MODE";  // set to `value` for the row
-    const char* value = nullptr;
-  } rows[] = {
-      {"", {}, -1, "node name"},
-      {"n", {"carrier-pigeon", -1, true, -1}, -1, "carrier-pigeon"},
-      {"n", {"", 3, true, -1}, -1, "mode 3"},
-      {"n", {"", -2, true, -1}, -1, "mode -2"},
-      {"n", {"", 0, true, 233}, -1, "233"},
-      {"n", {}, -1, "fast", "DOVA_MODE", "fast"},
-      {"n", {}, -1, "smoke-signals", "DOVA_TRANSPORT", "smoke-signals"},
-      {"n", {}, -1, "-5", "DOVA_DOMAIN_ID", "-5"},
-      {"n", {}, 2, "", "DOVA_MODE", "2"},
-      {"n", {"", 0, true, -1}, 0, "", "DOVA_MODE", "2"},
-  };
-  for (const auto& row : rows) {
-    const ScopedEnv setting(row.variable,
-                            row.value ? std::optional<std::string>(row.value) : std::nullopt);
+  const auto given = [](const std::string& field) { return field == "-" ? "" : field; };
+  for (const auto& row : korcommon::testing::tableRows("platform/init.txt", 8)) {
+    SCOPED_TRACE(row[7]);
+    const std::string variable = row[4] == "-" ? "DOVA_MODE" : row[4].substr(0, row[4].find('='));
+    const ScopedEnv setting(variable.c_str(),
+                            row[4] == "-"
+                                ? std::nullopt
+                                : std::optional<std::string>(row[4].substr(variable.size() + 1)));
+    const bool accepted = row[5] != "refused";
     const size_t traces = capture.reports().size();
-    ASSERT_EQ(dova::init(row.node, row.options), row.mode >= 0) << row.named;
-    if (row.mode >= 0) {
-      EXPECT_EQ(dova::nh()->mode, static_cast<uint32_t>(row.mode));
+    ASSERT_EQ(dova::init(given(row[0]),
+                         dova::Options{given(row[1]), std::stoi(row[2]), true, std::stoi(row[3])}),
+              accepted);
+    if (accepted) {
+      EXPECT_EQ(std::to_string(dova::nh()->mode), row[5]);
       EXPECT_FALSE(dova::init("second")) << "already running";
       EXPECT_EQ(dova::getNodeName(), "n");
       dova::shutdown();
@@ -97,10 +87,10 @@ TEST_F(DovaInit, OptionsComeBeforeTheEnvironmentAndBadOnesAreRefusedAloud) {
       EXPECT_FALSE(dova::nh()->ok()) << "nothing changed";
     }
     const std::vector<korcommon::testing::TraceReport> reports = capture.reports();
-    ASSERT_EQ(reports.size(), traces + 1) << row.named;
+    ASSERT_EQ(reports.size(), traces + 1);
     EXPECT_EQ(reports.back().level, dova::ERROR);
     EXPECT_EQ(reports.back().function, "init");
-    EXPECT_NE(reports.back().text.find(row.mode >= 0 ? "\"n\"" : row.named), std::string::npos)
+    EXPECT_NE(reports.back().text.find(accepted ? "\"n\"" : row[6]), std::string::npos)
         << reports.back().text;
   }
 }
