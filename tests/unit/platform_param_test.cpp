@@ -53,17 +53,10 @@ TEST_F(ParamTest, ValuesComeBackExactly) {
 
   // Doubles bit for bit (NaN as NaN), in a file whose parents set() creates. Arbitrary bit
   // patterns are the parameter fuzzer's.
-  std::vector<double> values = {0.1,
-                                -0.0,
-                                1e-310,
-                                std::numeric_limits<double>::denorm_min(),
-                                std::numeric_limits<double>::max(),
-                                1.0 / 3.0,
-                                -2.0 / 7.0,
-                                123456789.00000012,
-                                std::numeric_limits<double>::infinity(),
-                                -std::numeric_limits<double>::infinity(),
-                                std::nan("")};
+  using limits = std::numeric_limits<double>;
+  std::vector<double> values({0.1, -0.0, 1e-310, limits::denorm_min(), limits::max(), 1.0 / 3,
+                              -2.0 / 7, 123456789.00000012, limits::infinity(), -limits::infinity(),
+                              std::nan("")});
   const std::string deep = directory_ + "/deeper/still/values.yaml";
   dova::Param(deep).set("values", values);
   std::vector<double> read_back;

@@ -143,28 +143,17 @@ TEST(TraceFormat, TableMatchesVsnprintf) {
 // Every conversion the formatter renders, under each flag, width and precision, at the values
 // where rounding, notation or the digit count changes, between literal text.
 TEST(TraceFormat, FlagsWidthsAndPrecisionsMatchVsnprintf) {
-  const double doubles[] = {0.0,
-                            -0.0,
-                            1e-5,
-                            1e-4,
-                            0.5,
-                            0.95,
-                            9.5,
-                            9.995,
-                            99.95,
-                            1e5,
-                            1e6,
-                            1e15,
-                            1e17,
-                            1e19,
-                            1e20,
-                            18446744073709549568.0,
-                            18446744073709551616.0,
-                            -1.5e-7,
-                            123.456,
-                            DBL_MIN,
-                            DBL_TRUE_MIN,
-                            DBL_MAX};
+  const double doubles[] = {0.0,          -0.0,
+                            1e-5,         1e-4,
+                            0.5,          0.95,
+                            9.5,          9.995,
+                            99.95,        1e5,
+                            1e6,          1e15,
+                            1e17,         1e19,
+                            1e20,         0x1p64,
+                            -1.5e-7,      123.456,
+                            DBL_MIN,      DBL_MAX,
+                            DBL_TRUE_MIN, 0x1.fffffffffffffp63};
   for (const std::string flags : {"", "-", "0", "-0", "+", " ", "#"}) {
     for (const std::string size : {"", "9", ".0", ".3", "25.17", ".40", "120.2"}) {
       const std::string spec = "%" + flags + size;
