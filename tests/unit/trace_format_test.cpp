@@ -143,32 +143,25 @@ TEST(TraceFormat, TableMatchesVsnprintf) {
 // Every conversion the formatter renders, under each flag, width and precision, at the values
 // where rounding, notation or the digit count changes, between literal text.
 TEST(TraceFormat, FlagsWidthsAndPrecisionsMatchVsnprintf) {
-  const double doubles[] = {0.0,          -0.0,
-                            1e-5,         1e-4,
-                            0.5,          0.95,
-                            9.5,          9.995,
-                            99.95,        1e5,
-                            1e6,          1e15,
-                            1e17,         1e19,
-                            1e20,         0x1p64,
-                            -1.5e-7,      123.456,
-                            DBL_MIN,      DBL_MAX,
-                            DBL_TRUE_MIN, 0x1.fffffffffffffp63};
+  const double doubles[] = {
+      0.0,    -0.0,    1e-5,    1e-4,    0.5,          0.95,   9.5,  9.995,
+      99.95,  1e5,     1e6,     1e15,    1e17,         1e19,   1e20, 0x1.fffffffffffffp63,
+      0x1p64, -1.5e-7, 123.456, DBL_MIN, DBL_TRUE_MIN, DBL_MAX};
   for (const std::string flags : {"", "-", "0", "-0", "+", " ", "#"}) {
     for (const std::string size : {"", "9", ".0", ".3", "25.17", ".40", "120.2"}) {
-      const std::string spec = "%" + flags + size;
+      const std::string form = "%" + flags + size;
       for (const char type : std::string("fFeEgG")) {
         for (const double value : doubles) {
-          ASSERT_TRUE(matchesVsnprintf(64, ("\xc2\xb0" + spec + type + " C").c_str(), value));
+          ASSERT_TRUE(matchesVsnprintf(64, ("\xc2\xb0" + form + type + " C").c_str(), value));
         }
       }
       for (const char type : std::string("diuxXo")) {
         for (const long value : {0L, 1L, -1L, 255L, LONG_MIN, LONG_MAX}) {
-          ASSERT_TRUE(matchesVsnprintf(64, ("joint " + spec + "l" + type + "\t|").c_str(), value));
+          ASSERT_TRUE(matchesVsnprintf(64, ("joint " + form + "l" + type + "\t|").c_str(), value));
         }
       }
       for (const char* text : {"", "walking", "\xc3\xa9t\xc3\xa9", "with %d"}) {
-        ASSERT_TRUE(matchesVsnprintf(64, (spec + "s%%").c_str(), text));
+        ASSERT_TRUE(matchesVsnprintf(64, (form + "s%%").c_str(), text));
       }
     }
   }
