@@ -1,6 +1,7 @@
 #include "dispatcher.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <exception>
@@ -26,6 +27,7 @@ struct Subscription {
 
   std::mutex mutex;            // guards the fields below
   std::deque<Delivery> queue;  // deliveries waiting for the pool, or for the replay
+  bool drain_posted = false;   // a task that empties `queue` is posted to the pool
   std::string expected_md5;    // set by negotiation (mode 2): other checksums are refused
   std::set<std::string> refused_publishers;  // warned about once each
 };
@@ -89,6 +91,34 @@ bool holdDuringReplay(Subscription& subscription, const Delivery& delivery) {
   return true;
 }
 
+// The pool's task: hands the queued deliveries over in order until the queue
+// is empty, or until it has run for a while, then posts itself again so that
+// the pool's report of slow tasks keeps pointing at slow subscribers.
+void drain(const std::shared_ptr<Subscription>& subscription,
+           const std::shared_ptr<DeliveryGate>& gate) {
+  constexpr auto kTurn = std::chrono::milliseconds(5);
+  const auto turn_end = std::chrono::steady_clock::now() + kTurn;
+  for (;;) {
+    const DeliveryPass pass(*gate);
+    if (!pass.admitted()) return;
+    Delivery next;
+    {
+      std::lock_guard<std::mutex> lock(subscription->mutex);
+      if (subscription->queue.empty()) {
+        subscription->drain_posted = false;
+        return;
+      }
+      if (std::chrono::steady_clock::now() >= turn_end) {
+        subscription->pool->post([subscription, gate] { drain(subscription, gate); });
+        return;
+      }
+      next = std::move(subscription->queue.front());
+      subscription->queue.pop_front();
+    }
+    invoke(*subscription, next);
+  }
+}
+
 // `replayed` marks the joining thread's own replay, which is never held.
 void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& delivery,
              const std::shared_ptr<DeliveryGate>& gate, bool replayed = false) {
@@ -99,6 +129,7 @@ void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& 
     invoke(*subscription, delivery);
     return;
   }
+  bool post = false;
   {
     std::lock_guard<std::mutex> lock(subscription->mutex);
     if (subscription->queue_size > 0 &&
@@ -106,20 +137,11 @@ void deliver(const std::shared_ptr<Subscription>& subscription, const Delivery& 
       subscription->queue.pop_front();  // a bounded queue drops its oldest delivery
     }
     subscription->queue.push_back(delivery);
+    post = !std::exchange(subscription->drain_posted, true);
   }
-  // One task per delivery; a task that finds the queue emptied by a drop does nothing.
-  subscription->pool->post([subscription, gate] {
-    const DeliveryPass task_pass(*gate);
-    if (!task_pass.admitted()) return;
-    Delivery next;
-    {
-      std::lock_guard<std::mutex> lock(subscription->mutex);
-      if (subscription->queue.empty()) return;
-      next = std::move(subscription->queue.front());
-      subscription->queue.pop_front();
-    }
-    invoke(*subscription, next);
-  });
+  // One task empties the queue, so a burst of publications wakes the pool's
+  // thread once, not once per delivery.
+  if (post) subscription->pool->post([subscription, gate] { drain(subscription, gate); });
 }
 
 // Without a pool: delivers the latched state on the joining thread, then
