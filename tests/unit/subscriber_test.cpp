@@ -15,6 +15,7 @@
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/os/node_handle_base.h"
 #include "stand_in_handle.h"
+#include "table_rows.h"
 #include "trace_capture.h"
 
 namespace {
@@ -129,40 +130,29 @@ TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
 }
 
 TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
-  const struct {
-    uint32_t inited;
-    uint32_t mode;
-    bool accepted;
-    const char* error;  // traced at ERROR instead of the DEBUG line of a pooled registration
-  } rows[] = {
-      {0, 1, false, "DOVA no inited!"},
-      {1, 0, true, nullptr},  // the middleware's subscribe only: no id, no pool
-      {1, 1, true, nullptr},
-      {1, 2, true, nullptr},
-      {1, 3, false, nullptr},  // an unknown mode is refused silently
-      {1, 0xFFFFFFFF, false, nullptr},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE("inited " + std::to_string(row.inited) + ", mode " + std::to_string(row.mode));
-    korcommon::testing::StandInHandle handle(true, row.mode);
-    handle.inited = row.inited;
+  for (const auto& row : korcommon::testing::tableRows("platform/registration.txt", 5)) {
+    SCOPED_TRACE(row[4]);
+    const bool accepted = row[2] == "yes";
+    const auto mode = static_cast<uint32_t>(std::stoul(row[1]));
+    korcommon::testing::StandInHandle handle(true, mode);
+    handle.inited = static_cast<uint32_t>(std::stoul(row[0]));
     DiagnosticSubscriber sub;
     DiagnosticSubscriber second;
     sub.setTopic("/diagnostics_value");
     const korcommon::testing::TraceCapture trace;
-    EXPECT_EQ(handle.subscribe(sub, true, false, 7), row.accepted);
+    EXPECT_EQ(handle.subscribe(sub, true, false, 7), accepted);
 
-    const bool pooled = row.accepted && row.mode != 0;
+    const bool pooled = accepted && mode != 0;
     EXPECT_EQ(sub.topic_id != 0, pooled);
     EXPECT_EQ(handle.pools.size(), pooled ? 1u : 0u);
     EXPECT_EQ(handle.subscribers.size(), pooled ? 1u : 0u);
     EXPECT_EQ(handle.subscribers[sub.topic_id], pooled ? &sub : nullptr);
-    EXPECT_EQ(sub.negotiated(), row.accepted && row.mode == 2);
+    EXPECT_EQ(sub.negotiated(), accepted && mode == 2);
     EXPECT_EQ(handle.negotiated.items(),
               pooled ? std::vector<SubscriberBase*>{&sub} : std::vector<SubscriberBase*>{});
     // The flags and the number reach the middleware's subscribe unchanged, when it is called.
-    EXPECT_EQ(sub.getLatch(), row.accepted);
-    EXPECT_EQ(sub.getQueueSize(), row.accepted ? 7 : 0);
+    EXPECT_EQ(sub.getLatch(), accepted);
+    EXPECT_EQ(sub.getQueueSize(), accepted ? 7 : 0);
     std::vector<std::string> traces;
     for (const korcommon::testing::TraceReport& report : trace.reports()) {
       EXPECT_EQ(report.function, "subscribe");
@@ -171,10 +161,10 @@ TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
     }
     // The id is printed twice on purpose, as the key and as topic_id.
     const std::string id = std::to_string(sub.topic_id);
-    EXPECT_EQ(traces, row.error ? std::vector<std::string>{std::string("8 ") + row.error}
-                      : pooled  ? std::vector<std::string>{"1 Subscribers[" + id + "] topic_id: " +
-                                                           id + ", topic_name: /diagnostics_value"}
-                                : std::vector<std::string>{});
+    EXPECT_EQ(traces, row[3] != "-" ? std::vector<std::string>{"8 " + row[3]}
+                      : pooled ? std::vector<std::string>{"1 Subscribers[" + id + "] topic_id: " +
+                                                          id + ", topic_name: /diagnostics_value"}
+                               : std::vector<std::string>{});
     // A second registration: a pool and an id of its own.
     if (pooled) {
       ASSERT_TRUE(handle.subscribe(second, true, true, -1));

@@ -18,6 +18,7 @@
 #include "dova/time.h"
 #include "dova/trace.h"
 #include "scoped_env.h"
+#include "table_rows.h"
 #include "threads.h"
 #include "trace_capture.h"
 
@@ -101,21 +102,12 @@ std::vector<Worker> workersOf(const std::string& pool_name, int thread_count,
 }
 
 TEST(ThreadPool, NamesItsThreads) {
-  const std::pair<const char*, int> pools[] = {{"dova_pool", 1},
-                                               {"io", 2},
-                                               {"abcdefghijklmnop", 3},
-                                               {"abcdefghijklmnop", 1},
-                                               {"abcdefghijklmno", 1}};
-  // Longer than 15 characters: the beginning is cut, so that the index survives.
-  const char* expected[] = {"dova_pool", "io_0 io_1",
-                            "defghijklmnop_0 defghijklmnop_1 defghijklmnop_2", "bcdefghijklmnop",
-                            "abcdefghijklmno"};
-  for (size_t i = 0; i < std::size(pools); ++i) {
+  for (const auto& row : korcommon::testing::tableRows("platform/thread_names.txt", 4)) {
     std::string names;
-    for (const Worker& worker : workersOf(pools[i].first, pools[i].second)) {
+    for (const Worker& worker : workersOf(row[0], std::stoi(row[1]))) {
       names += (names.empty() ? "" : " ") + worker.name;
     }
-    EXPECT_EQ(names, expected[i]);
+    EXPECT_EQ(names, row[2]) << row[3];
   }
 }
 
