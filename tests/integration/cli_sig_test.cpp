@@ -45,17 +45,7 @@ TEST_F(CliSig, MakeAndInspect) {
 }
 
 TEST_F(CliSig, HelpCommandPrintsTheCommandsOwnHelpWithExamples) {
-  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
-           {}, {"sig"}, {"sig", "make"}, {"sig", "inspect"}, {"help"}}) {
-    std::vector<std::string> help_command = {"help"};
-    help_command.insert(help_command.end(), command.begin(), command.end());
-    std::vector<std::string> help_option = command;
-    help_option.push_back("--help");
-    const auto help = korcommon::testing::runTool(KORCOMMON_CLI, help_command);
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out, korcommon::testing::runTool(KORCOMMON_CLI, help_option).out);
-    EXPECT_NE(help.out.find("\nExamples:\n  korcommon "), std::string::npos) << help.out;
-  }
+  expectRows(KORCOMMON_CLI, rowsOf("sig.json", "help"));
 }
 
 }  // namespace
