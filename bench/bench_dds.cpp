@@ -121,14 +121,22 @@ std::vector<double> column(const std::string& output, const std::string& label) 
 
 double median(std::vector<double> values) { return percentile(std::move(values), 0.5); }
 
+// ddsperf runs with the configuration the platform pins itself to when it has
+// none (loopback, unicast discovery), so both measure one path. The platform
+// adds write batching to it, as ddsperf's publisher switches on for itself.
+std::string peerConfiguration() {
+  return std::string("CYCLONEDDS_URI=") + dova::ddsLoopbackConfiguration();
+}
+
 std::string ddsperf(int domain, int seconds, const std::string& mode) {
-  return "ddsperf -i " + std::to_string(domain) + " -D " + std::to_string(seconds) +
-         " -Qminmatch:1 -Qinitwait:10 " + mode + " 2>/dev/null";
+  return "env '" + peerConfiguration() + "' ddsperf -i " + std::to_string(domain) + " -D " +
+         std::to_string(seconds) + " -Qminmatch:1 -Qinitwait:10 " + mode + " 2>/dev/null";
 }
 
 // ddsperf's ping/pong round trip, halved; per-second percentiles, their medians.
 std::optional<Figures> ddsperfLatency(int domain, int seconds, size_t frame_size) {
-  Child pong({"ddsperf", "-i", std::to_string(domain), "-D", std::to_string(seconds + 15), "pong"});
+  Child pong({"env", peerConfiguration(), "ddsperf", "-i", std::to_string(domain), "-D",
+              std::to_string(seconds + 15), "pong"});
   if (!pong.started()) return std::nullopt;
   const std::string output =
       capture(ddsperf(domain, seconds, "ping size " + std::to_string(frame_size)));
@@ -140,8 +148,9 @@ std::optional<Figures> ddsperfLatency(int domain, int seconds, size_t frame_size
 
 // ddsperf's pub/sub rate in samples per second (the median of its per-second rates).
 std::optional<double> ddsperfThroughput(int domain, int seconds, size_t frame_size) {
-  Child publisher({"ddsperf", "-i", std::to_string(domain), "-D", std::to_string(seconds + 1),
-                   "-Qminmatch:1", "-Qinitwait:10", "pub", "size", std::to_string(frame_size)});
+  Child publisher({"env", peerConfiguration(), "ddsperf", "-i", std::to_string(domain), "-D",
+                   std::to_string(seconds + 1), "-Qminmatch:1", "-Qinitwait:10", "pub", "size",
+                   std::to_string(frame_size)});
   if (!publisher.started()) return std::nullopt;
   const std::vector<double> rates = column(capture(ddsperf(domain, seconds, "sub")), "rate");
   if (rates.empty()) return std::nullopt;
@@ -373,8 +382,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bench_dds: DDS domains 231 and 232 stayed taken by other runs\n");
     return 2;
   }
-  // ddsperf gets the configuration the platform uses by itself, so both measure one path.
-  setenv("CYCLONEDDS_URI", dova::ddsLoopbackConfiguration(), 1);
+  unsetenv("CYCLONEDDS_URI");  // the platform's processes use its own configuration
   const std::string run = std::to_string(getpid());
   const std::string self = "/proc/self/exe";
   const std::string resolved = [&] {

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -34,9 +36,23 @@ constexpr char kLoopbackConfiguration[] =
     "<Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
     "</Domain></CycloneDDS>";
 
+// The transport's own: the same, with frames written back to back packed
+// into one message (see DdsLinks::write for when they go out).
+std::string transportConfiguration() {
+  std::string configuration = kLoopbackConfiguration;
+  configuration.insert(configuration.rfind("</Domain>"),
+                       "<Internal><WriteBatch>true</WriteBatch></Internal>");
+  return configuration;
+}
+
 constexpr int kTakeBatch = 32;
 constexpr dds_duration_t kAckWait = DDS_SECS(2);
 constexpr dds_duration_t kWriteWait = DDS_SECS(5);
+// A write that follows the writer's previous one within this is part of a
+// burst: it is left for the flushing thread, which sends what waits about
+// this long after it was asked to.
+constexpr auto kBurstGap = std::chrono::microseconds(15);
+constexpr auto kFlushDelay = std::chrono::microseconds(50);
 
 // "/diagnostics_value" is carried on the DDS topic "dova/diagnostics_value".
 std::string ddsTopicName(const std::string& topic) {
@@ -132,6 +148,7 @@ class DdsLinks {
   DdsLinks(dds_entity_t domain, dds_entity_t participant, std::string publisher)
       : domain_(domain), participant_(participant), publisher_(std::move(publisher)) {
     sender_ = std::thread([this] { sendQueued(); });
+    flusher_ = std::thread([this] { flushBursts(); });
   }
 
   DdsLinks(const DdsLinks&) = delete;
@@ -209,6 +226,13 @@ class DdsLinks {
       queue_changed_.notify_all();
     }
     sender_.join();
+    {
+      std::lock_guard<std::mutex> lock(flush_mutex_);
+      flushing_ends_ = true;
+      flush_asked_.notify_all();
+    }
+    flusher_.join();
+    for (const auto& writer : writers_) dds_write_flush(writer.second);
     // Reliable delivery: let the matched readers acknowledge what was sent.
     for (const auto& writer : writers_) dds_wait_for_acks(writer.second, kAckWait);
     // Deleting the participant deletes its readers, writers and listeners,
@@ -218,6 +242,10 @@ class DdsLinks {
   }
 
  private:
+  // Writes one frame. Frames written in a burst share messages: a frame that
+  // follows its writer's previous one closely is sent with the next message
+  // that fills up, by the flushing thread, or with a later frame that comes
+  // after a pause; any other frame goes out at once, with what waited before it.
   void write(const std::string& topic, dds_entity_t writer, const std::string& md5,
              const std::string& key, const uint8_t* frame, size_t size) {
     dova_wire_Frame sample{};
@@ -232,6 +260,36 @@ class DdsLinks {
     if (result != DDS_RETCODE_OK) {
       mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
              topic.c_str(), dds_strretcode(result));
+    }
+    const auto now = std::chrono::steady_clock::now();
+    {
+      std::lock_guard<std::mutex> lock(flush_mutex_);
+      auto& previous = last_write_[writer];
+      const bool in_burst = now - previous < kBurstGap;
+      previous = now;
+      if (in_burst) {
+        unflushed_.insert(writer);
+        if (!std::exchange(flush_pending_, true)) flush_asked_.notify_one();
+        return;
+      }
+    }
+    dds_write_flush(writer);
+  }
+
+  // The flushing thread: sends what bursts left waiting, shortly after, until stop().
+  void flushBursts() {
+    std::unique_lock<std::mutex> lock(flush_mutex_);
+    for (;;) {
+      flush_asked_.wait(lock, [this] { return flush_pending_ || flushing_ends_; });
+      if (flushing_ends_) return;  // stop() flushes every writer itself
+      // Released meanwhile, so the burst goes on filling messages.
+      flush_asked_.wait_for(lock, kFlushDelay, [this] { return flushing_ends_; });
+      std::set<dds_entity_t> writers;
+      writers.swap(unflushed_);
+      flush_pending_ = false;
+      lock.unlock();
+      for (const dds_entity_t writer : writers) dds_write_flush(writer);
+      lock.lock();
     }
   }
 
@@ -305,6 +363,14 @@ class DdsLinks {
   std::condition_variable queue_changed_;
   std::thread sender_;
 
+  std::mutex flush_mutex_;  // guards the five below
+  std::map<dds_entity_t, std::chrono::steady_clock::time_point> last_write_;
+  std::set<dds_entity_t> unflushed_;  // written in a burst, not sent yet
+  bool flush_pending_ = false;        // the flushing thread has been asked
+  bool flushing_ends_ = false;        // set by stop()
+  std::condition_variable flush_asked_;
+  std::thread flusher_;
+
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
   std::map<std::string, dds_entity_t> topics_;
@@ -359,7 +425,7 @@ std::unique_ptr<Transport> createDdsTransport(const TransportSettings& settings,
   dds_entity_t domain = 0;
   const char* uri = std::getenv("CYCLONEDDS_URI");
   if (uri == nullptr || *uri == '\0') {
-    domain = dds_create_domain(domain_number, kLoopbackConfiguration);
+    domain = dds_create_domain(domain_number, transportConfiguration().c_str());
     if (domain < 0) {
       error = std::string("cannot configure DDS domain: ") + dds_strretcode(domain);
       return nullptr;
