@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -38,31 +36,22 @@ std::string toHex(const uint8_t* data, size_t size) {
   return hex;
 }
 
-// Bytes in a heap block of exactly their size, so that AddressSanitizer catches a read past it.
-struct ExactBuffer {
-  explicit ExactBuffer(const std::vector<uint8_t>& bytes)
-      : data(new uint8_t[bytes.size() + 1]), size(bytes.size()) {
-    std::memcpy(data.get(), bytes.data(), size);
-  }
-  std::unique_ptr<uint8_t[]> data;
-  size_t size;
-};
-
 // Whether the frame check accepts `message` behind a transport prefix of `prefix` bytes.
 template <typename MessageT>
 bool frameFits(const std::vector<uint8_t>& message, size_t prefix = dova::msgs::kFramePrefixSize) {
   std::vector<uint8_t> frame(prefix, 'n');
   frame.insert(frame.end(), message.begin(), message.end());
-  const ExactBuffer exact(frame);
-  return dova::msgs::isWellFormedFrame<MessageT>(exact.data.get(), exact.size);
+  // A copy holds exactly its bytes, so that AddressSanitizer catches a read past them.
+  const std::vector<uint8_t> exact(frame);
+  return dova::msgs::isWellFormedFrame<MessageT>(exact.data(), exact.size());
 }
 
 // Decodes `bytes` into `message`: what it consumed, and its encoding afterwards, at an odd
 // address after a guard byte, with guard bytes after it that must stay.
 template <typename MessageT>
 std::string decodeAndEncode(MessageT& message, const std::vector<uint8_t>& bytes) {
-  ExactBuffer exact(bytes);
-  const int consumed = message.deserialize(exact.data.get(), static_cast<int>(exact.size));
+  std::vector<uint8_t> exact(bytes);  // exactly its bytes, as above
+  const int consumed = message.deserialize(exact.data(), static_cast<int>(exact.size()));
   std::vector<uint8_t> out(1 + static_cast<size_t>(message.serializedLength()) + 8, 0xAB);
   const int written = message.serialize(out.data() + 1, message.serializedLength());
   return std::to_string(consumed) + " " + std::to_string(written) + " " +
