@@ -12,6 +12,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -76,6 +77,7 @@ class InListener {
 
 // The function a reader's frames go to.
 struct Reader {
+  std::mutex mutex;  // held while frames are handed over: one call of the handler at a time
   RemoteFrameHandler handler;
   const std::atomic<bool>* stopping = nullptr;  // the transport's: no handler starts once set
 };
@@ -95,39 +97,44 @@ struct PendingFrame {
 // that waits is taken first, then ordered by the writers' time stamps (a
 // writer's stamps never go back while its clock does not, and samples with
 // equal stamps keep the order of the take).
-void deliverWaiting(dds_entity_t entity, const Reader& reader) {
+void deliverWaiting(dds_entity_t entity, Reader& reader) {
   struct Batch {
-    void* samples[kTakeBatch] = {};
+    void* samples[kTakeBatch] = {};  // samples[0] null: borrowed from Cyclone
     dds_sample_info_t infos[kTakeBatch];
     dds_return_t taken = 0;
   };
-  std::vector<std::unique_ptr<Batch>> batches;
+  const std::lock_guard<std::mutex> one_at_a_time(reader.mutex);
+  Batch first;  // enough unless a backlog waits
+  std::vector<std::unique_ptr<Batch>> more;
   std::vector<std::pair<dds_time_t, const dova_wire_Frame*>> frames;
-  for (;;) {
-    auto batch = std::make_unique<Batch>();  // samples[0] null: borrowed from Cyclone
+  for (Batch* batch = &first;;) {
     batch->taken = dds_take(entity, batch->samples, batch->infos, kTakeBatch, kTakeBatch);
-    if (batch->taken <= 0) break;
     for (int i = 0; i < batch->taken; ++i) {
       if (!batch->infos[i].valid_data) continue;
       frames.emplace_back(batch->infos[i].source_timestamp,
                           static_cast<const dova_wire_Frame*>(batch->samples[i]));
     }
-    batches.push_back(std::move(batch));
+    // A frame that arrives from here on calls the listener again.
+    if (batch->taken < kTakeBatch) break;
+    more.push_back(std::make_unique<Batch>());
+    batch = more.back().get();
   }
   std::stable_sort(frames.begin(), frames.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   for (const auto& entry : frames) {
     const dova_wire_Frame& frame = *entry.second;
-    reader.handler(frame.md5 == nullptr ? std::string() : std::string(frame.md5),
+    reader.handler(frame.md5 == nullptr ? std::string_view() : std::string_view(frame.md5),
                    frame.data._buffer, frame.data._length);
   }
-  for (const auto& batch : batches) dds_return_loan(entity, batch->samples, batch->taken);
+  if (first.taken > 0) dds_return_loan(entity, first.samples, first.taken);
+  for (const auto& batch : more) {
+    if (batch->taken > 0) dds_return_loan(entity, batch->samples, batch->taken);
+  }
 }
 
 // Cyclone's listener: frames are handed over on the thread that received them.
-// Cyclone never runs two of one reader's listener calls at once.
 void onDataAvailable(dds_entity_t entity, void* argument) {
-  const Reader& reader = *static_cast<const Reader*>(argument);
+  Reader& reader = *static_cast<Reader*>(argument);
   if (reader.stopping->load(std::memory_order_acquire)) return;
   const InListener in_listener;
   deliverWaiting(entity, reader);

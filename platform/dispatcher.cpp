@@ -210,11 +210,17 @@ bool Dispatcher::add(SubscriberBase& subscriber, ThreadPool* pool, bool refuse_o
   const std::shared_ptr<DeliveryGate> gate = gate_;
   const bool listening = transport_->listen(
       subscription->topic, subscriber.getLatch(), subscriber.getReliable(),
-      [subscription, gate](const std::string& md5, const uint8_t* frame, size_t size) {
+      [subscription, gate, origin = std::shared_ptr<const Origin>()](
+          std::string_view md5, const uint8_t* frame, size_t size) mutable {
+        std::string publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));
+        // A publisher's frames share one origin while it keeps its name and checksum.
+        if (!origin || origin->md5 != md5 || origin->publisher != publisher) {
+          origin = std::make_shared<const Origin>(
+              Origin{std::string(), std::string(md5), std::move(publisher)});
+        }
         Delivery delivery;
         delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
-        delivery.origin = std::make_shared<const Origin>(Origin{
-            std::string(), md5, getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size))});
+        delivery.origin = origin;
         deliver(subscription, delivery, gate);
       });
   if (!listening) {

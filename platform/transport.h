@@ -6,14 +6,16 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace dova::platform {
 
 // A frame that arrived from another process: the publisher's message
-// checksum and the frame bytes (32-byte prefix, then the message). The bytes
-// are only valid during the call and have not been checked yet.
+// checksum and the frame bytes (32-byte prefix, then the message). Both are
+// only valid during the call; the bytes have not been checked yet. A
+// handler's calls never overlap.
 using RemoteFrameHandler =
-    std::function<void(const std::string& md5, const uint8_t* frame, size_t size)>;
+    std::function<void(std::string_view md5, const uint8_t* frame, size_t size)>;
 
 // The link between this process and the others. Same-process deliveries
 // never pass through it; a transport only carries frames out and brings
