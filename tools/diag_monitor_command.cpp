@@ -191,7 +191,7 @@ class DiagMonitor {
     for (size_t i = 0; i < lines.size(); ++i) {
       if (colour_ && i > 0) {
         const Row& row = rows[i - 1];
-        text += (row.stale ? kDim : diagLevelColour(row.report->level)) + lines[i] + kReset;
+        text += coloured(row.stale ? kDim : diagLevelColour(row.report->level), lines[i]);
       } else {
         text += lines[i];
       }

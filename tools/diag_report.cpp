@@ -29,7 +29,7 @@ const char* diagLevelColour(int level) {
 
 std::string reportLine(const DiagnosticValue& report, bool colour) {
   std::string level = padded(diagLevelName(report.level), 5);
-  if (colour) level = diagLevelColour(report.level) + level + kReset;
+  if (colour) level = coloured(diagLevelColour(report.level), level);
   std::string line = localTimeText(report.header.stamp) + " " + level + " " + oneLine(report.name) +
                      " [" + std::to_string(report.code) + "] " + oneLine(report.message) +
                      "  (from " + oneLine(report.caller_id);

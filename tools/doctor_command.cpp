@@ -304,7 +304,7 @@ void runDoctor(double wait_seconds, bool no_color) {
     static const char* const kWords[] = {"OK  ", "WARN", "FAIL"};
     static const char* const kColours[] = {kGreen, kYellow, kRed};
     std::string word = kWords[check.status];
-    if (colour) word = kColours[check.status] + word + kReset;
+    if (colour) word = coloured(kColours[check.status], word);
     writeLine(word + "  " + check.name + ": " + check.detail);
     if (check.status != Check::kOk) writeLine("      hint: " + check.hint);
     failures += check.status == Check::kFail ? 1 : 0;

@@ -61,6 +61,13 @@ std::string padded(std::string text, size_t width) {
   return text;
 }
 
+std::string coloured(const char* attribute, const std::string& text) {
+  std::string result = attribute;
+  result += text;
+  result += kReset;
+  return result;
+}
+
 void writeLine(const std::string& line) {
   std::string whole = line;
   whole += '\n';

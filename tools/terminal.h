@@ -38,6 +38,10 @@ std::string oneLine(const std::string& text);
 // `text` with spaces appended up to `width` characters; longer text is left as it is.
 std::string padded(std::string text, size_t width);
 
+// `text` in the ANSI attribute `attribute` (one of the above, or "" for none), with the
+// attributes reset after it.
+std::string coloured(const char* attribute, const std::string& text);
+
 // Writes `line` and a line feed to standard output and flushes at once, so that a reader
 // at the other end of a pipe sees every line as soon as it is complete.
 void writeLine(const std::string& line);
