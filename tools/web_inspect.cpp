@@ -13,9 +13,9 @@ namespace {
 
 void appendMember(std::string& json, const char* name, bool present, const std::string& value) {
   if (json.back() != '[') json += ',';
-  json += "{\"name\":\"";
+  json += R"({"name":")";
   json += name;
-  json += present ? "\",\"present\":true,\"value\":" : "\",\"present\":false,\"value\":";
+  json += present ? R"(","present":true,"value":)" : R"(","present":false,"value":)";
   json += value + "}";
 }
 

@@ -175,6 +175,15 @@ void DashboardServer::stop() {
 }
 
 void DashboardServer::addRoutes() {
+  addAccessCheck();
+  addErrorAnswers();
+  addPageRoutes();
+  addReadRoutes();
+  addInspectRoute();
+  addEventStream();
+}
+
+void DashboardServer::addAccessCheck() {
   server_->set_pre_routing_handler([this](const Request& request, Response& response) {
     if (options_.token.empty()) {
       if (isLoopbackHost(hostName(request.get_header_value("Host")))) {
@@ -199,14 +208,19 @@ void DashboardServer::addRoutes() {
     }
     return httplib::Server::HandlerResponse::Unhandled;
   });
+}
+
+void DashboardServer::addErrorAnswers() {
   server_->set_error_handler([this](const Request&, Response& response) {
     if (response.body.empty())
       fail(response, response.status, statusText(response.status, options_.max_body));
   });
-  server_->set_exception_handler([](const Request&, Response& response, std::exception_ptr) {
+  server_->set_exception_handler([](const Request&, Response& response, const std::exception_ptr&) {
     fail(response, 500, "internal error");
   });
+}
 
+void DashboardServer::addPageRoutes() {
   const auto serveAsset = [](std::string_view name, Response& response) {
     const WebAsset* asset = findAsset(name);
     if (asset == nullptr) return fail(response, 404, "no such page");
@@ -220,7 +234,9 @@ void DashboardServer::addRoutes() {
                [serveAsset](const Request& request, Response& response) {
                  serveAsset(request.matches[1].str(), response);
                });
+}
 
+void DashboardServer::addReadRoutes() {
   server_->Get("/api/diagnostics", [this](const Request& request, Response& response) {
     ReportFilter filter;
     if (request.has_param("level")) {
@@ -256,14 +272,18 @@ void DashboardServer::addRoutes() {
     }
     response.set_content(state_.recordsJson(min_level, limit), kJson);
   });
+}
 
+void DashboardServer::addInspectRoute() {
   server_->Post("/api/envelope/inspect", [](const Request& request, Response& response) {
     std::string error;
     const std::optional<std::string> answer = inspectEnvelope(request.body, error);
     if (!answer) return fail(response, 400, "the envelope is not a JSON object: " + error);
     response.set_content(*answer, kJson);
   });
+}
 
+void DashboardServer::addEventStream() {
   server_->Get("/api/events", [this](const Request&, Response& response) {
     if (open_streams_.fetch_add(1) >= options_.max_streams) {
       --open_streams_;

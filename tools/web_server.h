@@ -63,6 +63,18 @@ class DashboardServer {
 
  private:
   void addRoutes();
+  // Who may ask: a loopback Host header without a token, the token otherwise.
+  void addAccessCheck();
+  // The body of a status the server library sets by itself, and of an escaped exception.
+  void addErrorAnswers();
+  // The page's files.
+  void addPageRoutes();
+  // GET /api/diagnostics and /api/logs.
+  void addReadRoutes();
+  // POST /api/envelope/inspect.
+  void addInspectRoute();
+  // GET /api/events, at most options_.max_streams at once.
+  void addEventStream();
 
   DashboardState& state_;
   const ServerOptions options_;

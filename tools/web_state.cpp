@@ -166,8 +166,8 @@ std::string DashboardState::changesJson(Cursor& cursor) const {
     for (const auto& entry : reporters_) {
       if (entry.second.change <= cursor.reports) continue;
       // The last two seconds: a change within one message's interval can cross a second.
-      reporters.next() += "{\"report\":" + entry.second.json + ",\"tail\":\"" +
-                          entry.second.timeline.marks(second, 2) + "\"}";
+      reporters.next() += R"({"report":)" + entry.second.json + R"(,"tail":")" +
+                          entry.second.timeline.marks(second, 2) + R"("})";
     }
   }
   cursor.reports = report_changes_;
@@ -226,9 +226,9 @@ std::string DashboardState::statusJson(int64_t second) const {
 }
 
 void DashboardState::appendHead(std::string& json, const char* type, int64_t second) const {
-  json += "{\"type\":\"";
+  json += R"({"type":")";
   json += type;
-  json += "\",\"now\":" + secondsText(dova::Time::now()) + ",\"second\":";
+  json += R"(","now":)" + secondsText(dova::Time::now()) + R"(,"second":)";
   appendSigned(json, second);
 }
 

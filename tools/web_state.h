@@ -88,7 +88,7 @@ class DashboardState {
     Timeline timeline;
   };
   struct Record {
-    int level = 0;
+    int8_t level = 0;  // the record's own type: a level number, not a character
     std::string json;
   };
   using ReporterKey = std::pair<std::string, std::string>;  // (name, caller id)
