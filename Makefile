@@ -56,8 +56,9 @@ install: build
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
+# BASE=REV limits clang-tidy to the sources changed since REV (e.g. make lint BASE=main).
 lint: build
-	scripts/lint $(BUILD_DIR)
+	scripts/lint $(BUILD_DIR) $(BASE)
 
 clean:
 	rm -rf build
