@@ -48,7 +48,8 @@ std::string transportConfiguration() {
 
 constexpr int kTakeBatch = 32;
 constexpr dds_duration_t kAckWait = DDS_SECS(2);
-constexpr dds_duration_t kWriteWait = DDS_SECS(5);
+constexpr auto kWriteWait = std::chrono::seconds(5);
+constexpr dds_duration_t kAcknowledgementPoll = DDS_MSECS(1);
 // A write that follows the writer's previous one within this is part of a
 // burst: it is left for the flushing thread, which sends what waits about
 // this long after it was asked to.
@@ -143,11 +144,12 @@ void onDataAvailable(dds_entity_t entity, void* argument) {
 // Frames arrive in a Cyclone listener, on the thread that received them: the
 // shortest way from the network to a subscriber. That thread also takes in
 // the acknowledgements for this process's writers, so a handler that
-// publishes must never write there: once the writer held too many
-// unacknowledged frames, the write would wait for acknowledgements only the
-// waiting thread could read, until it timed out and the frame was lost.
-// Frames published from a listener are queued, in order, for a sending
-// thread of the transport; other threads write at once and wait when they must.
+// publishes must never wait there for a writer's history to drain: it would
+// wait for acknowledgements only the waiting thread could read. Writers
+// therefore never wait inside Cyclone. A frame published from a listener is
+// written at once when its history has room; otherwise it is queued, with
+// every later frame of listeners, for a sending thread that waits. Other
+// threads wait for room themselves.
 // Thread-safe; DdsTransport below owns it, together with a teardown that may
 // outlive the transport object.
 class DdsLinks {
@@ -165,14 +167,20 @@ class DdsLinks {
             const uint8_t* frame, size_t size) {
     const dds_entity_t writer = writerFor(topic);
     if (writer <= 0) return;
-    if (listenerDepth() > 0) {
-      std::lock_guard<std::mutex> lock(queue_mutex_);
-      queue_.push_back(
-          PendingFrame{topic, writer, md5, key, std::vector<uint8_t>(frame, frame + size)});
-      queue_changed_.notify_one();
+    if (listenerDepth() == 0) {
+      write(topic, writer, md5, key, frame, size, true);
       return;
     }
-    write(topic, writer, md5, key, frame, size);
+    bool queued;
+    {
+      std::lock_guard<std::mutex> lock(queue_mutex_);
+      queued = !queue_.empty();  // what waits there goes first
+    }
+    if (!queued && write(topic, writer, md5, key, frame, size, false)) return;
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    queue_.push_back(
+        PendingFrame{topic, writer, md5, key, std::vector<uint8_t>(frame, frame + size)});
+    queue_changed_.notify_one();
   }
 
   bool listen(const std::string& topic, bool latched, bool reliable, RemoteFrameHandler handler) {
@@ -249,12 +257,15 @@ class DdsLinks {
   }
 
  private:
-  // Writes one frame. Frames written in a burst share messages: a frame that
-  // follows its writer's previous one closely is sent with the next message
-  // that fills up, by the flushing thread, or with a later frame that comes
-  // after a pause; any other frame goes out at once, with what waited before it.
-  void write(const std::string& topic, dds_entity_t writer, const std::string& md5,
-             const std::string& key, const uint8_t* frame, size_t size) {
+  // Writes one frame; false, with nothing written, when the writer's history
+  // is full and the caller may not wait for it to drain. Waiting callers try
+  // again as acknowledgements come in, for at most kWriteWait. Frames written
+  // in a burst share messages: a frame that follows its writer's previous one
+  // closely is sent with the next message that fills up, by the flushing
+  // thread, or with a later frame that comes after a pause; any other frame
+  // goes out at once, with what waited before it.
+  bool write(const std::string& topic, dds_entity_t writer, const std::string& md5,
+             const std::string& key, const uint8_t* frame, size_t size, bool may_wait) {
     dova_wire_Frame sample{};
     sample.publisher = const_cast<char*>(publisher_.c_str());
     sample.key = const_cast<char*>(key.c_str());
@@ -263,7 +274,15 @@ class DdsLinks {
     sample.data._length = static_cast<uint32_t>(size);
     sample.data._maximum = static_cast<uint32_t>(size);
     sample.data._release = false;
-    const dds_return_t result = dds_write(writer, &sample);
+    // The writer never blocks in Cyclone (its longest wait is zero): a full
+    // history returns at once, without the frame.
+    dds_return_t result = dds_write(writer, &sample);
+    if (result == DDS_RETCODE_TIMEOUT && !may_wait) return false;
+    const auto give_up = std::chrono::steady_clock::now() + kWriteWait;
+    while (result == DDS_RETCODE_TIMEOUT && std::chrono::steady_clock::now() < give_up) {
+      dds_wait_for_acks(writer, kAcknowledgementPoll);
+      result = dds_write(writer, &sample);
+    }
     if (result != DDS_RETCODE_OK) {
       mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
              topic.c_str(), dds_strretcode(result));
@@ -277,10 +296,11 @@ class DdsLinks {
       if (in_burst) {
         unflushed_.insert(writer);
         if (!std::exchange(flush_pending_, true)) flush_asked_.notify_one();
-        return;
+        return true;
       }
     }
     dds_write_flush(writer);
+    return true;
   }
 
   // The flushing thread: sends what bursts left waiting, shortly after, until stop().
@@ -309,7 +329,8 @@ class DdsLinks {
       if (queue_.empty()) return;
       PendingFrame& next = queue_.front();
       lock.unlock();  // listeners only append meanwhile; the front stays
-      write(next.topic, next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size());
+      write(next.topic, next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size(),
+            true);
       lock.lock();
       queue_.pop_front();  // only now: an empty queue means all of it was written
     }
@@ -340,7 +361,7 @@ class DdsLinks {
     if (dds_topic <= 0) return 0;
 
     dds_qos_t* qos = dds_create_qos();
-    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, kWriteWait);
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, 0);  // see write()
     // Every frame reaches every live reader; a reader that joins later gets
     // the latest frame of each key only.
     dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
