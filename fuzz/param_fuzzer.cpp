@@ -205,6 +205,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rewritable = false;
   }
   checkSet(*param, "sn", serial_number, rewritable && isPlainText(serial_number));
+  // A plain style would lose a closing carriage return; set() must then quote the text.
+  checkSet(*param, "sn", serial_number + "\r", rewritable && isPlainText(serial_number));
   checkSet(*param, "joint_offset", numbers, rewritable);
   return 0;
 }

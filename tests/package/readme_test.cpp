@@ -9,7 +9,6 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "cli_rows.h"
 #include "dds_domain.h"
@@ -21,36 +20,6 @@
 namespace {
 
 using korcommon::testing::ScopedEnv;
-
-// One fenced block of the page.
-struct Block {
-  std::string language;  // the fence's info string: sh, cpp, cmake
-  std::string text;
-  bool runs = true;  // false after a "<!-- readme-test: not run ... -->" line
-};
-
-std::vector<Block> fencedBlocks(const std::string& markdown) {
-  std::vector<Block> blocks;
-  std::istringstream lines(markdown);
-  bool runs = true;
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("<!-- readme-test: not run", 0) == 0) runs = false;
-    if (line.rfind("```", 0) != 0) continue;
-    Block block{line.substr(3), "", runs};
-    while (std::getline(lines, line) && line != "```") block.text += line + '\n';
-    blocks.push_back(block);
-    runs = true;
-  }
-  return blocks;
-}
-
-// The file a program block is saved as: its first line is "// NAME: ..." or "# NAME".
-std::string fileName(const Block& block) {
-  static const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
-  std::smatch match;
-  const std::string line = block.text.substr(0, block.text.find('\n'));
-  return std::regex_match(line, match, first_line) ? match[2].str() : std::string();
-}
 
 // Runs before the page's commands. "make install PREFIX=P" stands for what it does once the
 // tree is built; with sanitizers, what the page compiles needs their runtime too.
@@ -75,14 +44,27 @@ TEST(Readme, EveryStepWorksAsWritten) {
   const ScopedEnv loopback_only("CYCLONEDDS_URI", std::nullopt);
 
   std::string script = kPreamble;
-  for (const Block& block : fencedBlocks(korcommon::testing::readFile(KORCOMMON_README))) {
-    if (block.language == "sh") {
-      if (block.runs) script += block.text;
-      continue;
+  std::istringstream page(korcommon::testing::readFile(KORCOMMON_README));
+  bool runs = true;  // false for the block after a "<!-- readme-test: not run ... -->" line
+  for (std::string line; std::getline(page, line);) {
+    if (line.rfind("<!-- readme-test: not run", 0) == 0) runs = false;
+    if (line.rfind("```", 0) != 0) continue;
+    const std::string language = line.substr(3);
+    std::string text;
+    while (std::getline(page, line) && line != "```") text += line + '\n';
+    if (language == "sh") {
+      if (runs) script += text;
+    } else {
+      // A program is saved as the file its first line names: "// NAME: ..." or "# NAME".
+      static const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
+      const std::string first = text.substr(0, text.find('\n'));
+      std::smatch name;
+      ASSERT_TRUE(std::regex_match(first, name, first_line))
+          << "a " << language << " block names no file:\n"
+          << text;
+      std::ofstream(home.path() / name[2].str()) << text;
     }
-    const std::string name = fileName(block);
-    ASSERT_FALSE(name.empty()) << "a " << block.language << " block names no file:\n" << block.text;
-    std::ofstream(home.path() / name) << block.text;
+    runs = true;
   }
   const korcommon::testing::ToolResult run = korcommon::testing::runTool(
       "/bin/bash", {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS}, "",
