@@ -3,7 +3,6 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
 
 #include "cli_rows.h"
 #include "read_file.h"
@@ -14,34 +13,13 @@ using korcommon::testing::runTool;
 using korcommon::testing::ToolResult;
 
 TEST(CliReference, BashCompletionOffersCommandsOptionsAndChoices) {
-  // Each row: the words typed (the last one is being completed) and what is offered.
-  const std::pair<std::string, std::string> rows[] = {
-      {"korcommon s", "sig"},
-      {"korcommon sig ", "make inspect"},
-      {"korcommon sig make --", "--help --guid --timestamp --json-data"},
-      {"korcommon sig make --timestamp 5 --j", "--json-data"},
-      {"korcommon sig make --guid ", ""},  // any value: bash offers file names
-      {"korcommon sig inspect ", ""},
-      {"korcommon imptdata get ", "sn joint-offset joint-limit urdf-dir"},
-      {"korcommon imptdata set sn ", ""},
-      {"korcommon help imptdata g", "get"},
-      {"korcommon help imptdata get ", ""},  // a command path, no values
-      {"korcommon --v", "--version"},
-  };
-  std::string script = "source \"$0\"\n";
-  for (const auto& [typed, offered] : rows) {
-    script += "COMP_WORDS=(" + typed + (typed.back() == ' ' ? "''" : "") +
-              "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _korcommon; echo \"${COMPREPLY[*]}\"\n";
-  }
-  const ToolResult run = runTool("/bin/bash", {"-c", script, KORCOMMON_COMPLETION});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "");
-  std::istringstream lines(run.out);
-  for (const auto& [typed, offered] : rows) {
-    std::string line;
-    std::getline(lines, line);
-    EXPECT_EQ(line, offered) << typed;
-  }
+  // Each row gives the words typed, the last one being completed, and what is offered.
+  korcommon::testing::expectRows(
+      "/bin/bash", korcommon::testing::rowsOf(
+                       "reference.json", "completion",
+                       {{"COMPLETION", KORCOMMON_COMPLETION},
+                        {"COMPLETE", R"(source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); )"
+                                     R"(_korcommon; echo "${COMPREPLY[*]}")"}}));
 }
 
 TEST(CliReference, ManPageRendersEveryCommandWithoutWarnings) {

@@ -84,7 +84,7 @@ void expectRows(const std::string& program, const std::vector<CliRow>& rows, boo
     tools.push_back(std::make_unique<ChildProcess>(program, row.args, row.input));
   }
   for (size_t i = 0; i < rows.size(); ++i) {
-    std::string command = "korcommon";
+    std::string command = program.substr(program.rfind('/') + 1);
     for (const std::string& argument : rows[i].args) command += " '" + argument + "'";
     SCOPED_TRACE(rows[i].why + ": " + command);
     EXPECT_EQ(tools[i]->wait(), rows[i].status)
