@@ -13,6 +13,7 @@
 namespace dova::json {
 namespace detail {
 class InputStream;
+class TokenTexts;
 }  // namespace detail
 
 // Parses JSON text into an Object in two passes: the whole input is first scanned into tokens,
@@ -50,8 +51,11 @@ class Reader {
     };
 
     Type type = ObjectBegin;
-    // The token's text; for a string, its decoded value without the quotes.
-    std::string value;
+    // Where the token's text stands in the reading's store of texts: for a string its
+    // decoded value without the quotes, for a number its characters. Punctuation and keywords
+    // store none; their texts are fixed, a keyword's told by its length.
+    uint32_t text_offset = 0;
+    uint32_t text_length = 0;
     Location begin;  // before the token's first character
     Location end;    // after its last character
   };
@@ -87,22 +91,25 @@ class Reader {
  private:
   class TokenStream;
   using InputStream = detail::InputStream;
+  using TokenTexts = detail::TokenTexts;
   using Tokens = std::vector<Token>;
 
   Reader() = default;
 
   static Location locationOf(const InputStream& input);
-  static void Scan(Tokens& tokens, InputStream& input);
-  static void MatchString(InputStream& input, std::string& text);
+  // Scans the whole input into `tokens`, their texts into `texts`.
+  static void Scan(Tokens& tokens, TokenTexts& texts, InputStream& input);
+  static void MatchString(InputStream& input, TokenTexts& texts, Token& token);
   static void matchStringRest(InputStream& input, std::string& text);
   static void MatchExpectedString(InputStream& input, std::string_view expected);
-  static void matchNumber(InputStream& input, std::string& text);
+  static void matchNumber(InputStream& input, TokenTexts& texts, Token& token);
   static void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
 
-  std::string& MatchExpectedToken(Token::Type type, TokenStream& tokens);
+  void MatchExpectedToken(Token::Type type, TokenStream& tokens);
   // The throws stay out of line, so the scanning and parsing loops stay small.
-  [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedToken(const Token& token) {
-    throw ParseException("Unexpected token: " + token.value, token.begin, token.end);
+  [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedToken(const Token& token,
+                                                                          std::string_view text) {
+    throw ParseException("Unexpected token: " + std::string(text), token.begin, token.end);
   }
   [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedCharacter(
       char character, const Location& where) {
@@ -111,9 +118,9 @@ class Reader {
   void Parse(UnknownElement& element, TokenStream& tokens);
   void Parse(Object& object, TokenStream& tokens);
   void Parse(Array& array, TokenStream& tokens);
-  double parseNumber(const Token& token);
+  double parseNumber(const Token& token, std::string_view text);
   bool numbersReadAsInCLocale();
-  void enterContainer(const Token& opening);
+  void enterContainer(const Token& opening, const TokenStream& tokens);
 
   int nesting_depth_ = 0;
   enum class LocaleCheck { kUnchecked, kPlain, kLocalised } locale_check_ = LocaleCheck::kUnchecked;

@@ -73,6 +73,10 @@ class InputStream {
   // Consumes the next `count` buffered characters, none of them a line feed.
   void skipInLine(size_t count) { next_ += count; }
 
+  // How many times the buffered characters were replaced: next() and end() point into another
+  // buffer when this changes.
+  uint32_t refills() const { return refills_; }
+
   // Where the next character is: line feeds consumed, characters since the last line feed,
   // and characters consumed in all.
   uint32_t line() const { return line_; }
@@ -99,6 +103,7 @@ class InputStream {
       end_ = next_ + 1;
     }
     released_ = next_;
+    ++refills_;
     return true;
   }
 
@@ -123,6 +128,7 @@ class InputStream {
   bool unbuffered_ = false;
   char single_ = 0;
   uint32_t released_offset_ = 0;  // offset() at released_
+  uint32_t refills_ = 0;
   uint32_t line_ = 0;
   uint32_t line_start_ = 0;  // offset() after the last line feed
 };

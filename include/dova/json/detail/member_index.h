@@ -2,6 +2,7 @@
 #ifndef DOVA_JSON_DETAIL_MEMBER_INDEX_H_
 #define DOVA_JSON_DETAIL_MEMBER_INDEX_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -22,10 +23,13 @@ class MemberIndex {
     for (const Object::Member& member : object_) seen_ |= filterBit(member.name);
   }
 
-  bool contains(const std::string& name) {
+  bool contains(std::string_view name) {
     if ((seen_ & filterBit(name)) == 0) return false;
     if (names_.empty()) {
-      if (object_.size() < kIndexedSize) return object_.Find(name) != object_.end();
+      if (object_.size() < kIndexedSize) {
+        return std::any_of(object_.begin(), object_.end(),
+                           [name](const Object::Member& member) { return member.name == name; });
+      }
       for (const Object::Member& member : object_) names_.insert(member.name);
     }
     return names_.count(name) != 0;
@@ -40,9 +44,9 @@ class MemberIndex {
  private:
   static constexpr size_t kIndexedSize = 32;
 
-  // One of 64 bits, chosen by the name's length and two of its characters (the first is the
-  // terminating NUL for an empty name).
-  static uint64_t filterBit(const std::string& name) {
+  // One of 64 bits, chosen by the name's length and two of its characters.
+  static uint64_t filterBit(std::string_view name) {
+    if (name.empty()) return 1;
     const auto first = static_cast<unsigned char>(name[0]);
     const auto middle = static_cast<unsigned char>(name[name.size() / 2]);
     return uint64_t{1} << ((first * 7u + middle * 3u + name.size()) % 64);

@@ -18,6 +18,7 @@
 #include "dova/json/detail/input_stream.h"
 #include "dova/json/detail/member_index.h"
 #include "dova/json/detail/scanners.h"
+#include "dova/json/detail/token_texts.h"
 #include "dova/json/reader.h"
 
 namespace dova::json {
@@ -45,16 +46,22 @@ constexpr std::array<int8_t, 256> kStartedTokens = [] {
   return types;
 }();
 
+// The text of each punctuation token, by type.
+constexpr char kPunctuationTexts[] = "{}[],:";
+
 // Bytes per token in typical documents, rounded down so that reserving by it seldom regrows.
 constexpr std::streamsize kBytesPerToken = 3;
 constexpr std::streamsize kMaxReservedTokens = 1 << 16;
+// The store of texts holds a copy of the input and the decoded strings, which a quarter more
+// room seldom outgrows; it is reserved up to this.
+constexpr std::streamsize kMaxReservedText = 1 << 20;
 
 }  // namespace detail
 
-// The scanned tokens and a cursor into them.
+// The scanned tokens and their texts, and a cursor into the tokens.
 class Reader::TokenStream {
  public:
-  explicit TokenStream(Tokens& tokens) : tokens_(tokens) {}
+  TokenStream(Tokens& tokens, const TokenTexts& texts) : tokens_(tokens), texts_(texts) {}
 
   bool atEnd() const { return next_ == tokens_.size(); }
 
@@ -68,6 +75,21 @@ class Reader::TokenStream {
   // REQUIRES: !atEnd().
   void Get() { ++next_; }
 
+  // The text of one of the tokens, valid as long as they are.
+  std::string_view text(const Token& token) const {
+    switch (token.type) {
+      case Token::StringToken:
+      case Token::NumberToken:
+        return texts_.at(token.text_offset, token.text_length);
+      case Token::BooleanToken:
+        return token.text_length == 4 ? "true" : "false";
+      case Token::NullToken:
+        return "null";
+      default:
+        return std::string_view(&detail::kPunctuationTexts[token.type], 1);
+    }
+  }
+
  private:
   // Apart from Peek, which then stays small enough to be inlined in the parsing loops.
   [[noreturn, gnu::noinline, gnu::cold]] void throwUnexpectedEnd() const {
@@ -76,6 +98,7 @@ class Reader::TokenStream {
   }
 
   Tokens& tokens_;
+  const TokenTexts& texts_;
   size_t next_ = 0;
 };
 
@@ -84,16 +107,18 @@ inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, 
 template <typename ElementTypeT>
 void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
   Tokens tokens;
+  TokenTexts texts;
   InputStream input(stream);
-  Scan(tokens, input);
+  Scan(tokens, texts, input);
 
   Reader reader;
-  TokenStream token_stream(tokens);
+  TokenStream token_stream(tokens, texts);
   reader.Parse(element, token_stream);
   if (!token_stream.atEnd()) {
     const Token& token = token_stream.Peek();
-    throw ParseException("Expected End of token stream; found " + token.value, token.begin,
-                         token.end);
+    throw ParseException(
+        "Expected End of token stream; found " + std::string(token_stream.text(token)), token.begin,
+        token.end);
   }
 }
 
@@ -105,7 +130,7 @@ inline Reader::Location Reader::locationOf(const InputStream& input) {
   return location;
 }
 
-inline void Reader::Scan(Tokens& tokens, InputStream& input) {
+inline void Reader::Scan(Tokens& tokens, TokenTexts& texts, InputStream& input) {
   using Traits = InputStream::Traits;
   if (!input.ready()) {
     // As the stream functions answer a failed stream: no input at all when it is at its end,
@@ -114,8 +139,11 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
     throwUnexpectedCharacter(Traits::to_char_type(Traits::eof()), locationOf(input));
   }
   // in_avail() is the whole remaining text for string streams and a lower bound otherwise.
-  tokens.reserve(static_cast<size_t>(std::clamp<std::streamsize>(
-      input.available() / detail::kBytesPerToken, 0, detail::kMaxReservedTokens)));
+  const std::streamsize available = input.available();
+  tokens.reserve(static_cast<size_t>(std::clamp<std::streamsize>(available / detail::kBytesPerToken,
+                                                                 0, detail::kMaxReservedTokens)));
+  texts.reserve(static_cast<size_t>(
+      std::clamp<std::streamsize>(available + available / 4, 0, detail::kMaxReservedText)));
 
   for (;;) {
     int code = input.peekCode();
@@ -124,44 +152,45 @@ inline void Reader::Scan(Tokens& tokens, InputStream& input) {
       code = input.peekCode();
     }
     if (code == Traits::eof()) return;
+    texts.follow(input);
 
-    Token& token = tokens.emplace_back();
+    // Built here and appended whole: the input's fields, read all along, then stay in
+    // registers, which stores into the vector would force to be read again.
+    Token token;
     const Location begin = locationOf(input);
     token.begin = begin;
     // The token's type is looked up by its first character. Punctuation, most of the tokens
     // and the first six types, is told apart by one well predicted branch; the rest dispatch
     // through a jump table.
     const int8_t started = detail::kStartedTokens[static_cast<size_t>(code)];
-    if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), locationOf(input));
+    if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), begin);
     token.type = static_cast<Token::Type>(started);
     if (started <= Token::Colon) {
-      token.value.push_back(Traits::to_char_type(code));
       input.skipInLine(1);
-      // One character on the same line: cheaper than asking the input again. The end is built
-      // from the local copy, never read back from the token just written: a load spanning
-      // those two fresh stores would stall on store forwarding.
+      // One character on the same line: cheaper than asking the input again.
       token.end = Location{begin.line, begin.column + 1, begin.offset + 1};
+      tokens.push_back(token);
       continue;
     }
     switch (token.type) {
       case Token::StringToken:
-        MatchString(input, token.value);
+        MatchString(input, texts, token);
         break;
       case Token::BooleanToken:
-        token.value = code == 't' ? "true" : "false";
-        MatchExpectedString(input, token.value);
+      case Token::NullToken: {
+        const std::string_view keyword = code == 't' ? "true" : code == 'f' ? "false" : "null";
+        MatchExpectedString(input, keyword);
+        token.text_length = static_cast<uint32_t>(keyword.size());
         break;
-      case Token::NullToken:
-        token.value = "null";
-        MatchExpectedString(input, token.value);
-        break;
+      }
       case Token::NumberToken:
-        matchNumber(input, token.value);
+        matchNumber(input, texts, token);
         break;
       default:  // punctuation, taken above
         break;
     }
     token.end = locationOf(input);
+    tokens.push_back(token);
   }
 }
 
@@ -174,28 +203,50 @@ inline void Reader::MatchExpectedString(InputStream& input, std::string_view exp
 }
 
 // The shape of the number is not checked here: "1-2" is one token, judged when parsed.
-inline void Reader::matchNumber(InputStream& input, std::string& text) {
-  do {
-    const char* const run = input.next();
-    const char* const stop = detail::findNumberRunEnd(run, input.end());
-    text.append(run, static_cast<size_t>(stop - run));
-    input.skipInLine(static_cast<size_t>(stop - run));
-  } while (input.next() == input.end() && !input.atEnd());
+// REQUIRES: the next character starts a number and is in the buffer texts last followed.
+inline void Reader::matchNumber(InputStream& input, TokenTexts& texts, Token& token) {
+  const char* const run = input.next();
+  const char* const stop = detail::findNumberRunEnd(run, input.end());
+  input.skipInLine(static_cast<size_t>(stop - run));
+  if (stop != input.end()) {
+    token.text_offset = texts.offsetOf(run);
+    token.text_length = static_cast<uint32_t>(stop - run);
+    return;
+  }
+  // The number may go on in the next buffer: its pieces are put together apart.
+  std::string& text = texts.appended();
+  const size_t offset = text.size();
+  text.append(run, static_cast<size_t>(stop - run));
+  while (!input.atEnd()) {
+    const char* const more = input.next();
+    const char* const more_stop = detail::findNumberRunEnd(more, input.end());
+    text.append(more, static_cast<size_t>(more_stop - more));
+    input.skipInLine(static_cast<size_t>(more_stop - more));
+    if (more_stop != input.end()) break;
+  }
+  token.text_offset = static_cast<uint32_t>(offset);
+  token.text_length = static_cast<uint32_t>(text.size() - offset);
 }
 
-// Decodes a string token into `text`.
-// REQUIRES: the next character is the opening double quote.
-inline void Reader::MatchString(InputStream& input, std::string& text) {
-  input.Get();
-  // Most strings hold no escape or line feed and end within the buffered text.
+// Decodes a string token.
+// REQUIRES: the next character is the opening double quote, in the buffer texts last followed.
+inline void Reader::MatchString(InputStream& input, TokenTexts& texts, Token& token) {
+  input.skipInLine(1);
+  // Most strings hold no escape or line feed and end within the buffered text: their text is
+  // the input's.
   const char* const run = input.next();
   const char* const stop = detail::findStringRunEnd(run, input.end());
   if (stop != input.end() && *stop == '"') {
-    text.append(run, static_cast<size_t>(stop - run));
+    token.text_offset = texts.offsetOf(run);
+    token.text_length = static_cast<uint32_t>(stop - run);
     input.skipInLine(static_cast<size_t>(stop - run) + 1);
     return;
   }
+  std::string& text = texts.appended();
+  const size_t offset = text.size();
   matchStringRest(input, text);
+  token.text_offset = static_cast<uint32_t>(offset);
+  token.text_length = static_cast<uint32_t>(text.size() - offset);
 }
 
 // The general case of MatchString, from just after the opening quote.
@@ -314,17 +365,16 @@ inline void Reader::appendUnicodeEscape(InputStream& input, std::string& text,
   }
 }
 
-inline std::string& Reader::MatchExpectedToken(Token::Type type, TokenStream& tokens) {
-  Token& token = tokens.Peek();
+inline void Reader::MatchExpectedToken(Token::Type type, TokenStream& tokens) {
+  const Token& token = tokens.Peek();
   tokens.Get();
-  if (token.type != type) throwUnexpectedToken(token);
-  return token.value;
+  if (token.type != type) throwUnexpectedToken(token, tokens.text(token));
 }
 
-inline void Reader::enterContainer(const Token& opening) {
+inline void Reader::enterContainer(const Token& opening, const TokenStream& tokens) {
   if (++nesting_depth_ > kMaxNestingDepth) {
     throw ParseException("Nesting deeper than " + std::to_string(kMaxNestingDepth) +
-                             " levels at token: " + opening.value,
+                             " levels at token: " + std::string(tokens.text(opening)),
                          opening.begin, opening.end);
   }
 }
@@ -339,14 +389,13 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
       Parse(element.ConvertTo<Array>(), tokens);
       break;
     case Token::StringToken:
-      // The token is consumed, so its text can move into the document.
       tokens.Get();
       element.release();
-      element.hold<String>(std::move(token.value));
+      element.hold<String>(std::string(tokens.text(token)));
       break;
     case Token::NumberToken: {
       tokens.Get();
-      const double number = parseNumber(token);
+      const double number = parseNumber(token, tokens.text(token));
       element.release();
       element.hold<Number>(number);
       break;
@@ -354,33 +403,34 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
     case Token::BooleanToken:
       tokens.Get();
       element.release();
-      element.hold<Boolean>(token.value == "true");
+      element.hold<Boolean>(tokens.text(token) == "true");
       break;
     case Token::NullToken:
       tokens.Get();
       element.release();
       break;
     default:
-      throwUnexpectedToken(token);
+      throwUnexpectedToken(token, tokens.text(token));
   }
 }
 
 inline void Reader::Parse(Object& object, TokenStream& tokens) {
   const Token& opening = tokens.Peek();
   MatchExpectedToken(Token::ObjectBegin, tokens);
-  enterContainer(opening);
+  enterContainer(opening, tokens);
   if (tokens.atEnd()) MatchExpectedToken(Token::ObjectEnd, tokens);
   if (tokens.Peek().type != Token::ObjectEnd) {
     detail::MemberIndex names(object);
     bool more = true;
     while (more) {
       const Token& name_token = tokens.Peek();
-      std::string& name = MatchExpectedToken(Token::StringToken, tokens);
+      MatchExpectedToken(Token::StringToken, tokens);
+      const std::string_view name = tokens.text(name_token);
       MatchExpectedToken(Token::Colon, tokens);
       const bool taken = names.contains(name);
       // The value is parsed straight into a new last member, which goes again when the value
       // fails or the name is taken: only complete members stay in the object.
-      const auto member = object.appendUnchecked(std::move(name));
+      const auto member = object.appendUnchecked(std::string(name));
       try {
         Parse(member->element, tokens);
         // A repeated name is an error, never resolved in favour of either value.
@@ -404,7 +454,7 @@ inline void Reader::Parse(Object& object, TokenStream& tokens) {
 inline void Reader::Parse(Array& array, TokenStream& tokens) {
   const Token& opening = tokens.Peek();
   MatchExpectedToken(Token::ArrayBegin, tokens);
-  enterContainer(opening);
+  enterContainer(opening, tokens);
   if (!tokens.atEnd() && tokens.Peek().type != Token::ArrayEnd) {
     bool more = true;
     while (more) {
@@ -420,14 +470,13 @@ inline void Reader::Parse(Array& array, TokenStream& tokens) {
 // What extracting a double with a string stream gives, where only reaching the end of the text
 // counts as success. Deliberately, texts the extraction rejects but reads to the end ("-",
 // "1e", "1e+") are 0.0, and an overflowing one is the largest double.
-inline double Reader::parseNumber(const Token& token) {
-  const std::string& text = token.value;
+inline double Reader::parseNumber(const Token& token, std::string_view text) {
   const char* const text_end = text.data() + text.size();
   // readDecimal rounds correctly, as the stream does; whatever it does not accept whole takes
   // the stream path below.
   double value = 0.0;
   if (numbersReadAsInCLocale() && detail::readDecimal(text.data(), text_end, value)) return value;
-  std::istringstream stream(text);
+  std::istringstream stream{std::string(text)};
   stream >> value;
   if (!stream.eof()) {
     const char next = std::istringstream::traits_type::to_char_type(stream.peek());
