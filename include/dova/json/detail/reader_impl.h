@@ -61,15 +61,17 @@ constexpr std::streamsize kMaxReservedText = 1 << 20;
 // The scanned tokens and their texts, and a cursor into the tokens.
 class Reader::TokenStream {
  public:
-  TokenStream(Tokens& tokens, const TokenTexts& texts) : tokens_(tokens), texts_(texts) {}
+  // The tokens must not change while the stream is used.
+  TokenStream(const Tokens& tokens, const TokenTexts& texts)
+      : tokens_(tokens), next_(tokens.data()), end_(tokens.data() + tokens.size()), texts_(texts) {}
 
-  bool atEnd() const { return next_ == tokens_.size(); }
+  bool atEnd() const { return next_ == end_; }
 
   // The current token; at the end, throws "Unexpected end of token stream" at the last token
   // (at the start of the input when there is none).
-  Token& Peek() {
+  const Token& Peek() const {
     if (atEnd()) throwUnexpectedEnd();
-    return tokens_[next_];
+    return *next_;
   }
 
   // REQUIRES: !atEnd().
@@ -97,9 +99,10 @@ class Reader::TokenStream {
     throw ParseException("Unexpected end of token stream", last.begin, last.end);
   }
 
-  Tokens& tokens_;
+  const Tokens& tokens_;
+  const Token* next_;
+  const Token* const end_;
   const TokenTexts& texts_;
-  size_t next_ = 0;
 };
 
 inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, stream); }
@@ -380,7 +383,7 @@ inline void Reader::enterContainer(const Token& opening, const TokenStream& toke
 }
 
 inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
-  Token& token = tokens.Peek();
+  const Token& token = tokens.Peek();
   switch (token.type) {
     case Token::ObjectBegin:
       Parse(element.ConvertTo<Object>(), tokens);
