@@ -11,7 +11,6 @@
 //  - the object overloads and the typed getters agree with the object read.
 #include <cstddef>
 #include <cstdint>
-#include <sstream>
 #include <string>
 
 #include "dova/json/reader.h"
@@ -73,13 +72,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   Object object;
-  std::string error;
-  std::istringstream stream(text);
-  try {
-    dova::json::Reader::Read(object, stream);
-  } catch (const std::exception& exception) {
-    error = exception.what();
-  }
+  const std::string error = korcommon::fuzz::readJson(text, object);
   const bool read = error.empty() && !text.empty();
   reports().clear();
   const auto member = [&](const char* name) {

@@ -1,4 +1,5 @@
-// What the fuzzers share: the property check, and which texts survive JSON quoting.
+// What the fuzzers share: the property check, reading JSON text, and which texts survive JSON
+// quoting.
 //
 // A failed check prints what broke and aborts, which libFuzzer reports as a crash (saving the
 // input) and which fails the corpus replay test.
@@ -8,7 +9,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string>
+
+#include "dova/json/reader.h"
 
 namespace korcommon::fuzz {
 
@@ -17,6 +21,18 @@ namespace korcommon::fuzz {
   std::fprintf(stderr, "%s:%d: check failed: %s\n  %s\n", file, line, condition, message.c_str());
   std::fflush(stderr);
   std::abort();
+}
+
+// Reads `text` into `object`: the reader's message on failure, empty on success. Any other
+// exception escapes, and ends the run as a crash.
+inline std::string readJson(const std::string& text, dova::json::Object& object) {
+  std::istringstream stream(text);
+  try {
+    dova::json::Reader::Read(object, stream);
+    return "";
+  } catch (const dova::json::Exception& exception) {
+    return exception.what()[0] == '\0' ? "(empty message)" : exception.what();
+  }
 }
 
 // Whether `text` comes back unchanged when the JSON writer (or a message's echo) quotes it and

@@ -25,6 +25,7 @@
 namespace {
 
 using dova::json::Object;
+using korcommon::fuzz::readJson;
 
 std::string writeText(const Object& object, bool indented = false) {
   std::ostringstream stream;
@@ -32,20 +33,9 @@ std::string writeText(const Object& object, bool indented = false) {
   return stream.str();
 }
 
-// Reads `text` into `object`; the reader's message on failure, empty on success.
-std::string readText(const std::string& text, Object& object) {
-  std::istringstream stream(text);
-  try {
-    dova::json::Reader::Read(object, stream);
-    return "";
-  } catch (const dova::json::Exception& exception) {
-    return exception.what()[0] == '\0' ? "(empty message)" : exception.what();
-  }
-}
-
 void checkDocument(const std::string& text) {
   Object first;
-  if (!readText(text, first).empty()) {
+  if (!readJson(text, first).empty()) {
     writeText(first);
     return;
   }
@@ -53,7 +43,7 @@ void checkDocument(const std::string& text) {
   // forms, so the document's texts survive exactly when the input's bytes do.
   const bool survives = korcommon::fuzz::survivesJsonEscaping(text);
   Object second;
-  const std::string error = readText(writeText(first), second);
+  const std::string error = readJson(writeText(first), second);
   if (!error.empty()) {
     FUZZ_CHECK(!survives && (error.rfind("Unexpected unicode low surrogate", 0) == 0 ||
                              error.rfind("Missing unicode low surrogate", 0) == 0 ||
@@ -65,9 +55,9 @@ void checkDocument(const std::string& text) {
   const std::string compact = writeText(second);
   Object third;
   Object from_indented;
-  FUZZ_CHECK(readText(compact, third).empty() && third == second && writeText(third) == compact,
+  FUZZ_CHECK(readJson(compact, third).empty() && third == second && writeText(third) == compact,
              "a document read back is not stable: " + compact);
-  FUZZ_CHECK(readText(writeText(second, true), from_indented).empty() && from_indented == second,
+  FUZZ_CHECK(readJson(writeText(second, true), from_indented).empty() && from_indented == second,
              "indented text reads back to another document");
 }
 
@@ -87,7 +77,7 @@ void checkNumberToken(const std::string& text) {
   double expected = 0.0;
   extraction >> expected;
   Object document;
-  const std::string error = readText("{\"n\":" + token + "}", document);
+  const std::string error = readJson("{\"n\":" + token + "}", document);
   FUZZ_CHECK(error.empty() == extraction.eof(), "number token " + token + ": " + error);
   FUZZ_CHECK(!error.empty() || sameBits(document["n"].ConvertTo<dova::json::Number>(), expected),
              "number token " + token + " read as another value");
@@ -106,7 +96,7 @@ void checkNumberText(const uint8_t* data, size_t size) {
   FUZZ_CHECK(text == std::string("{\"n\":") + expected + "}", "number written as " + text);
   Object back;
   FUZZ_CHECK(
-      readText(text, back).empty() && sameBits(back["n"].ConvertTo<dova::json::Number>(), value),
+      readJson(text, back).empty() && sameBits(back["n"].ConvertTo<dova::json::Number>(), value),
       "a written number reads back as another: " + text);
 }
 

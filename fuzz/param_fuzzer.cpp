@@ -1,7 +1,7 @@
 // Fuzzes parameter files: the input is written as a file and opened with dova::Param.
 //
 // Everything happens in a private directory this fuzzer creates under the temporary directory
-// ($TMPDIR or /tmp) and removes at exit; it never opens the machine's important data.
+// and removes at exit; it never opens the machine's important data.
 //
 // Properties:
 //  - Opening either loads the file or throws std::runtime_error naming the file.
@@ -19,55 +19,36 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "dova/param.h"
 #include "fuzz_support.h"
+#include "read_file.h"
+#include "scratch_directory.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using korcommon::testing::readFile;
+using korcommon::testing::writeFile;
 
 // The keys looked at: the important-data store's three, and two a YAML reader might treat
 // specially.
 const char* const kKeys[] = {"sn", "joint_offset", "joint_limit", "", "~"};
 
-// A directory of this process's own under the temporary directory, removed at exit.
-struct PrivateDirectory {
-  fs::path path;
-  PrivateDirectory() {
-    std::error_code error;
-    const fs::path base = fs::temp_directory_path(error);
-    std::string pattern = (error ? fs::path("/tmp") : base) / "korcommon-param-fuzz-XXXXXX";
-    FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr, "cannot create " + pattern);
-    path = fs::canonical(pattern);
-  }
-  ~PrivateDirectory() {
-    std::error_code error;
-    fs::remove_all(path, error);
-  }
-};
-
 const fs::path& parameterFile() {
-  static const PrivateDirectory directory;
-  static const fs::path file = directory.path / "param.yaml";
+  static const korcommon::testing::ScratchDirectory directory("korcommon-param-fuzz");
+  static const fs::path file = directory.path() / "param.yaml";
   // Never anywhere near the important data, whatever TMPDIR says.
-  FUZZ_CHECK(file.string().rfind("/opt", 0) != 0, "refusing to work under /opt");
+  FUZZ_CHECK(
+      !directory.path().empty() && fs::canonical(file.parent_path()).string().rfind("/opt", 0) != 0,
+      "no private directory outside /opt: " + file.string());
   return file;
-}
-
-std::string fileContent() {
-  std::ifstream file(parameterFile(), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // A runtime_error of Param must say which file it is about.
@@ -141,27 +122,23 @@ void checkNoStrayFiles() {
 template <typename Value>
 void checkSet(dova::Param& param, const std::string& key, const Value& value, bool must_store) {
   const std::vector<std::string> before = askAll(param);
-  const std::string content_before = fileContent();
+  const std::string content_before = readFile(parameterFile());
   try {
     param.set(key, value);
   } catch (const std::runtime_error& error) {
     checkNamesFile(error);
     FUZZ_CHECK(!must_store, "set() of " + key + " failed: " + error.what());
-    FUZZ_CHECK(fileContent() == content_before, "a failed set() changed the file");
+    FUZZ_CHECK(readFile(parameterFile()) == content_before, "a failed set() changed the file");
     FUZZ_CHECK(askAll(param) == before, "a failed set() changed the document");
     checkNoStrayFiles();
     return;
   }
   checkNoStrayFiles();
-  std::vector<std::string> after;
+  // A file set() wrote that does not load throws here, which ends the run as a crash.
+  const dova::Param reopened(parameterFile().string());
+  const std::vector<std::string> after = askAll(reopened);
   Value back{};
-  try {
-    const dova::Param reopened(parameterFile().string());
-    after = askAll(reopened);
-    FUZZ_CHECK(reopened.get(key, back), "the value set() stored is missing");
-  } catch (const std::runtime_error& error) {
-    FUZZ_CHECK(false, "the file set() wrote does not load: " + std::string(error.what()));
-  }
+  FUZZ_CHECK(reopened.get(key, back), "the value set() stored is missing");
   FUZZ_CHECK(shown(back) == shown(value), "set() stored " + shown(back) + " for " + key);
   FUZZ_CHECK(askAll(param) == after, "the document and the file it wrote disagree");
   for (size_t index = 0; index < after.size(); ++index) {
@@ -173,11 +150,8 @@ void checkSet(dova::Param& param, const std::string& key, const Value& value, bo
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  {
-    std::ofstream file(parameterFile(), std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-    FUZZ_CHECK(file.good(), "cannot write the input file");
-  }
+  const std::string content(reinterpret_cast<const char*>(data), size);
+  writeFile(parameterFile(), content);
   std::unique_ptr<dova::Param> param;
   try {
     param = std::make_unique<dova::Param>(parameterFile().string());
@@ -188,16 +162,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   // Values from the input itself: its last bytes as a serial number, its first as doubles.
-  const size_t text_size = std::min<size_t>(size, 24);
-  const std::string serial_number(reinterpret_cast<const char*>(data) + (size - text_size),
-                                  text_size);
+  const std::string serial_number = content.substr(size - std::min<size_t>(size, 24));
   std::vector<double> numbers(std::min<size_t>(size / sizeof(double), 4));
   if (!numbers.empty()) std::memcpy(numbers.data(), data, numbers.size() * sizeof(double));
 
   // Every value of a plain file without escapes (which can spell any code point), without
   // aliases (which can multiply a tree beyond what set() compares) and without collections as
   // keys can be written back.
-  const std::string content(reinterpret_cast<const char*>(data), size);
   bool rewritable = isPlainText(content) && content.find_first_of("\\*") == std::string::npos;
   try {
     rewritable = rewritable && hasOnlyScalarKeys(YAML::Load(content));

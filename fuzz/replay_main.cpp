@@ -3,17 +3,18 @@
 // ordinary test where libFuzzer is not available (g++ builds).
 //
 // Each input is copied into a heap buffer of exactly its size, as libFuzzer does, so a
-// sanitizer build catches a read past its end. A missing argument or an empty corpus fails:
-// a replay that ran nothing must not pass.
+// sanitizer build catches a read past its end. A name that is no file nor directory, or a
+// corpus without a file, fails: a replay that ran nothing must not pass.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
+#include <string>
 #include <vector>
+
+#include "read_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 // Optional, as with libFuzzer: a fuzzer that needs set-up defines it.
@@ -22,45 +23,29 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) __attribute__((weak
 int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: %s CORPUS_DIRECTORY_OR_FILE...\n", argv[0]);
-    return 2;
-  }
   std::vector<fs::path> inputs;
-  try {
-    for (int index = 1; index < argc; ++index) {
-      if (!fs::is_directory(argv[index])) {
-        inputs.emplace_back(argv[index]);
-        continue;
-      }
-      std::vector<fs::path> found;
-      for (const fs::directory_entry& entry : fs::recursive_directory_iterator(argv[index])) {
-        if (entry.is_regular_file()) found.push_back(entry.path());
-      }
-      // A fixed order, so that a failure reproduces run after run.
-      std::sort(found.begin(), found.end());
-      inputs.insert(inputs.end(), found.begin(), found.end());
+  for (int index = 1; index < argc; ++index) {
+    if (fs::is_regular_file(argv[index])) inputs.emplace_back(argv[index]);
+    if (!fs::is_directory(argv[index])) continue;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(argv[index])) {
+      if (entry.is_regular_file()) inputs.push_back(entry.path());
     }
-  } catch (const fs::filesystem_error& error) {
-    std::fprintf(stderr, "replay: %s\n", error.what());
+  }
+  if (inputs.empty() ||
+      std::any_of(argv + 1, argv + argc, [](const char* name) { return !fs::exists(name); })) {
+    std::fprintf(stderr,
+                 "usage: %s CORPUS_DIRECTORY_OR_FILE... (each present, one file at least)\n",
+                 argv[0]);
     return 1;
   }
-  if (inputs.empty()) {
-    std::fprintf(stderr, "replay: no inputs found\n");
-    return 1;
-  }
-
+  // A fixed order, so that a failure reproduces run after run.
+  std::sort(inputs.begin(), inputs.end());
   for (const fs::path& input : inputs) {
-    std::ifstream file(input, std::ios::binary);
-    const std::vector<char> content{std::istreambuf_iterator<char>(file), {}};
-    if (!file) {
-      std::fprintf(stderr, "replay: cannot read %s\n", input.c_str());
-      return 1;
-    }
+    const std::string content = korcommon::testing::readFile(input);
     // Printed first, so the output of a crash names the input that caused it.
     std::printf("%s (%zu bytes)\n", input.c_str(), content.size());
     std::fflush(stdout);
-    const std::unique_ptr<uint8_t[]> exact(new uint8_t[std::max<size_t>(content.size(), 1)]);
+    const auto exact = std::make_unique<uint8_t[]>(std::max<size_t>(content.size(), 1));
     std::copy(content.begin(), content.end(), exact.get());
     LLVMFuzzerTestOneInput(exact.get(), content.size());
   }
