@@ -1,15 +1,16 @@
-// The live commands of the korcommon tool (diag, log, doctor), with real processes on DDS
+// The live commands of the korcommon tool (diag, log, doctor, web), with real processes on DDS
 // over loopback in a domain of this test process's own; the command lines and answers of
 // tests/data/cli/diag.json.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,13 +27,7 @@ namespace fs = std::filesystem;
 using korcommon::testing::ChildProcess;
 using korcommon::testing::expectRows;
 using korcommon::testing::rowsOf;
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
+using namespace std::chrono_literals;
 
 class CliDiag : public ::testing::Test {
  protected:
@@ -117,7 +112,8 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
   EXPECT_EQ(live->wait(), 0) << live->errors();
   warn->signal(SIGINT);
   EXPECT_EQ(warn->wait(), 0) << warn->errors();
-  EXPECT_GT(linesOf(warn->output()).size(), 20u);
+  const std::string warnings = warn->output();
+  EXPECT_GT(std::count(warnings.begin(), warnings.end(), '\n'), 20);
   quiet->signal(SIGTERM);
   EXPECT_EQ(quiet->wait(), 0) << quiet->errors();
   EXPECT_EQ(quiet->output(), "published #1: s/quiet OK [12] published once\n");
@@ -126,7 +122,8 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
 TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
   ChildProcess tracer(DDS_PROBE, {"trace", "cli_tracer", "disk /data: 97% full, \"low\""});
   ASSERT_TRUE(tracer.waitForOutput("traced at line ")) << tracer.errors();
-  const std::string line = linesOf(tracer.output()).front().substr(15);
+  const std::string traced = tracer.output();
+  const std::string line = traced.substr(15, traced.find('\n') - 15);
   const std::string pid = std::to_string(tracer.pid());
   // Joining later still shows the node's latest record, as the trace logger's screen line.
   expectRows(KORCOMMON_CLI, rowsOf("diag.json", "log echo", {{"PID", pid}, {"LINE", line}}));
@@ -152,6 +149,38 @@ TEST_F(CliDiag, DoctorFailsWithoutASerialNumberAndIsReadyWithOne) {
   setenv("DOVA_LOG_LEVEL", "0", 1);
   ASSERT_EQ(mount(nullptr, "/opt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   expectRows(KORCOMMON_CLI, rowsOf("diag.json", "doctor read-only", {{"DOMAIN", domain_}}));
+}
+
+// The dashboard in a real browser: "korcommon web" fed by publishers, its page driven in
+// headless Chromium by web_page_check.mjs. Skipped, with the reason, where Node.js, Chromium or
+// puppeteer-core cannot be had.
+TEST_F(CliDiag, WebPageShowsTheRobotInOrderLiveAndAsText) {
+  if (std::string(NODE).empty() || std::string(CHROMIUM).empty()) {
+    GTEST_SKIP() << "Node.js or Chromium is not installed";
+  }
+  // The robot is up before the dashboard, whose page must show its latched state at once.
+  auto battery = publisher({"beta/battery", "error", "2", "12 % left", "--rate", "5"});
+  auto motor =
+      publisher({"zeta/motor", "warn", "1", "<img src=x onerror=alert(1)>", "--rate", "5"});
+  // Two reports, then silence while it stays alive: it turns stale on the page.
+  auto imu = publisher(
+      {"alpha/imu", "ok", "0", "calibrated", "--rate", "2", "--count", "2", "--linger", "60"});
+  auto web = start({"web", "--port", "0", "--stale", "3", "--duration", "120"});
+  ASSERT_TRUE(web->waitForOutput("(Ctrl-C stops)", 20s)) << web->errors();
+  std::smatch url;
+  const std::string announced = web->output();
+  ASSERT_TRUE(std::regex_search(announced, url, std::regex(R"(http://127\.0\.0\.1:\d+/)")))
+      << announced;
+
+  ChildProcess page(NODE, {WEB_PAGE_CHECK, CHROMIUM, url.str()});
+  if (!page.waitForOutput("ready for the live report", 90s) && page.wait(1s) == 77) {
+    GTEST_SKIP() << page.output();
+  }
+  ASSERT_FALSE(page.ended()) << page.output() << page.errors();
+  auto live = publisher({"gamma/live", "error", "9", "went live", "--rate", "5"});
+  EXPECT_EQ(page.wait(90s), 0) << page.output() << page.errors();
+  web->signal(SIGINT);  // Ctrl-C
+  EXPECT_EQ(web->wait(20s), 0) << web->errors();
 }
 
 }  // namespace

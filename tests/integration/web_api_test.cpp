@@ -1,6 +1,7 @@
 // The dashboard's HTTP API, served on an ephemeral loopback port in this process and fed
 // reports and trace records directly, asked through an HTTP client; the requests and answers
 // of tests/data/cli/web.json.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
@@ -23,6 +24,7 @@ using dova::diagnostic_msgs::DiagnosticValue;
 using dova::dova_msgs::Log;
 using korcommon::cli::DashboardServer;
 using korcommon::cli::DashboardState;
+using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
 std::shared_ptr<const DiagnosticValue> report(const std::string& name, int level,
@@ -123,10 +125,9 @@ TEST_F(WebApi, BoundedRingOfRecordsAndReportersBeyondTheCapDropped) {
   small.addReport(report("r1", 1, "still followed"));
   EXPECT_EQ(texts(small.diagnosticsJson({}), "name"), (std::vector<std::string>{"r1", "r2"}));
   DashboardState::Cursor cursor;
-  EXPECT_NE(small.snapshotJson(cursor).find(R"("reporters":2,"nodes":1,"rate":)"),
-            std::string::npos);
-  EXPECT_NE(small.changesJson(cursor).find(R"("reports":3,"records":0,"dropped_reports":1})"),
-            std::string::npos);
+  EXPECT_THAT(small.snapshotJson(cursor), HasSubstr(R"("reporters":2,"nodes":1,"rate":)"));
+  EXPECT_THAT(small.changesJson(cursor),
+              HasSubstr(R"("reports":3,"records":0,"dropped_reports":1})"));
 
   for (const auto& [level, text] : std::vector<std::pair<int8_t, std::string>>{
            {8, "lost"}, {2, "i1"}, {4, "w1"}, {8, "e1"}, {2, "i2"}, {4, "w2"}}) {
@@ -177,9 +178,9 @@ TEST_F(WebApi, EventsStartWithTheWholeStateThenBatchChanges) {
   EXPECT_TRUE(messages.waitFor(1));
   const std::string snapshot = messages.items().empty() ? "" : messages.items()[0];
   EXPECT_EQ(snapshot.rfind("retry: 2000\ndata: {\"type\":\"snapshot\"", 0), 0u) << snapshot;
-  EXPECT_NE(snapshot.find(R"("message":"<img src=x onerror=alert(1)>")"), std::string::npos);
-  EXPECT_NE(snapshot.find(R"("msg":"before")"), std::string::npos);
-  EXPECT_NE(snapshot.find(R"("timeline":[[".",599],["2",1]])"), std::string::npos);
+  EXPECT_THAT(snapshot, HasSubstr(R"("message":"<img src=x onerror=alert(1)>")"));
+  EXPECT_THAT(snapshot, HasSubstr(R"("msg":"before")"));
+  EXPECT_THAT(snapshot, HasSubstr(R"("timeline":[[".",599],["2",1]])"));
   int second_page = 0;  // read no further than the status: a stream would never end
   client_->Get(
       "/api/events",
@@ -207,14 +208,14 @@ TEST_F(WebApi, EventsStartWithTheWholeStateThenBatchChanges) {
   std::string seen;
   for (size_t i = 1; i < all.size(); ++i) seen += all[i];
   EXPECT_LE(all.size() - 1, static_cast<size_t>(elapsed * 10) + 2);
-  EXPECT_NE(seen.find(R"("message":"n299")"), std::string::npos);
+  EXPECT_THAT(seen, HasSubstr(R"("message":"n299")"));
+  EXPECT_THAT(seen, HasSubstr(R"("type":"changes")"));
+  EXPECT_THAT(seen, HasSubstr(R"("reporters":31)"));
   for (int i = 0; i < 300; i += 37) {  // each record once
     const std::string text = "\"msg\":\"r" + std::to_string(i) + "\"";
-    const size_t at = seen.find(text);
-    EXPECT_TRUE(at != std::string::npos && seen.find(text, at + 1) == std::string::npos) << i;
+    EXPECT_THAT(seen, HasSubstr(text));
+    EXPECT_EQ(seen.find(text), seen.rfind(text)) << text << " more than once";
   }
-  EXPECT_NE(seen.find(R"("type":"changes")"), std::string::npos);
-  EXPECT_NE(seen.find(R"("reporters":31)"), std::string::npos);
 }
 
 }  // namespace

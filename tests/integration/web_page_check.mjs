@@ -1,4 +1,4 @@
-// Drives the dashboard page in headless Chromium for web_browser_test.cpp.
+// Drives the dashboard page in headless Chromium for the web case of cli_diag_test.cpp.
 //
 // usage: node web_page_check.mjs CHROMIUM URL
 //
