@@ -1,5 +1,6 @@
 // The JSON library: what the reader makes of texts and streams, what the writer writes, and how
 // the elements behave as values.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -20,6 +21,7 @@
 #include "dova/json/elements.h"
 #include "dova/json/reader.h"
 #include "dova/json/writer.h"
+#include "dova/msgs/msg.h"
 #include "table_rows.h"
 
 namespace {
@@ -34,12 +36,21 @@ using dova::json::Reader;
 using dova::json::String;
 using dova::json::UnknownElement;
 using dova::json::Writer;
+using ::testing::ThrowsMessage;
 
 template <typename ElementT>
 std::string write(const ElementT& element, bool indented = false) {
   std::ostringstream stream;
   Writer::Write(element, stream, indented);
   return stream.str();
+}
+
+// What the reader makes of `text`, which must be a document it accepts.
+Object parsed(const std::string& text) {
+  Object object;
+  std::istringstream stream(text);
+  Reader::Read(object, stream);
+  return object;
 }
 
 std::string where(const Reader::Location& location) {
@@ -244,27 +255,52 @@ TEST(JsonReader, JsonTestSuiteReadsRoundTripOrFailCleanly) {
                                    "y_object_duplicated_key_and_value.json"}));
 }
 
-TEST(JsonWriter, CompactAndIndentedLayouts) {
+// Records how much text had arrived at each flush.
+class FlushRecorder : public std::stringbuf {
+ public:
+  std::vector<size_t> flushed_at;
+
+ protected:
+  int sync() override {
+    flushed_at.push_back(str().size());
+    return 0;
+  }
+};
+
+TEST(JsonWriter, LayoutsFlushedAtEachLineAndAtTheEnd) {
   Object object;
   object["a"] = Number(1);
   object["b"][size_t{1}] = Null();
   object["b"][size_t{0}] = Boolean(true);
   object["c"] = Object();
   object["d"] = Array();
-  EXPECT_EQ(write(object), R"({"a":1,"b":[true,null],"c":{},"d":[]})");
-  EXPECT_EQ(
-      write(object, true),
-      "{\n\t\"a\" : 1,\n\t\"b\" : [\n\t\ttrue,\n\t\tnull\n\t],\n\t\"c\" : {},\n\t\"d\" : []\n}");
+  for (const bool indented : {false, true}) {
+    FlushRecorder buffer;
+    std::ostream stream(&buffer);
+    Writer::Write(object, stream, indented);
+    const std::string text = buffer.str();
+    EXPECT_EQ(text, indented ? "{\n\t\"a\" : 1,\n\t\"b\" : [\n\t\ttrue,\n\t\tnull\n\t],\n\t\"c\" : "
+                               "{},\n\t\"d\" : []\n}"
+                             : R"({"a":1,"b":[true,null],"c":{},"d":[]})");
+    std::vector<size_t> line_ends;
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
+      line_ends.push_back(end + 1);
+    }
+    line_ends.push_back(text.size());
+    EXPECT_EQ(buffer.flushed_at, line_ends);
+  }
   EXPECT_EQ(write(Object(), true), "{}");
   EXPECT_EQ(write(Array(), true), "[]");
   EXPECT_EQ(write(UnknownElement(Boolean(false))), "false");
 }
 
+// The message echo quotes as the writer does.
 TEST(JsonWriter, QuotesNamesAndValuesAlike) {
   for (const auto& row : korcommon::testing::tableRows("json/quoting.txt", 3)) {
     Object object;
     object[row[0]] = String(row[0]);
     EXPECT_EQ(write(object), "{" + row[1] + ":" + row[1] + "}") << row[2];
+    EXPECT_EQ(dova::Msg::matchString2(row[0]), row[1]) << row[2];
   }
 }
 
@@ -294,75 +330,40 @@ class GroupThousands : public std::numpunct<char> {
   std::string do_grouping() const override { return "\3"; }
 };
 
+// What the writer writes of `element` on a stream that `prepare` set up.
+template <typename ElementT>
+std::string writtenTo(void (*prepare)(std::ostream&), const ElementT& element) {
+  std::ostringstream stream;
+  prepare(stream);
+  Writer::Write(element, stream);
+  return stream.str();
+}
+
 TEST(JsonWriter, UsesAndLeavesTheStreamsFormatting) {
   std::ostringstream stream;
   stream << std::hex;
   Writer::Write(UnknownElement(Number(255)), stream);
   Writer::Write(UnknownElement(String("\xC3\xA9")), stream);
-  EXPECT_EQ(stream.precision(), 20);
-  EXPECT_EQ(stream.fill(), '0');
-  EXPECT_EQ(stream.width(), 0);
-  stream << 255;
-  EXPECT_EQ(stream.str(), "255\"\\u00e9\"ff");
+  stream << 255 << std::dec << "|" << stream.precision() << "|" << stream.fill() << "|"
+         << stream.width();
+  EXPECT_EQ(stream.str(), "255\"\\u00e9\"ff|20|0|0");
 
   // Flags, a width and a locale the caller set apply as to any insertion.
   Array array;
   array.Insert(Number(1e20));
   array.Insert(String("\xC3\xA9"));
   array.Insert(Number(2));
-  std::ostringstream signed_stream;
-  signed_stream << std::showpos << std::setw(8);
-  Writer::Write(array, signed_stream);
-  EXPECT_EQ(signed_stream.str(), R"([  +1e+20,"\u00e9",+2])");
-  std::ostringstream upper;
-  upper << std::uppercase;
-  Writer::Write(array, upper);
-  EXPECT_EQ(upper.str(), R"([1E+20,"\u00E9",2])");
-  std::ostringstream grouped;
-  grouped.imbue(std::locale(grouped.getloc(), new GroupThousands));
-  Writer::Write(UnknownElement(Number(1700000000.0)), grouped);
-  EXPECT_EQ(grouped.str(), "1,700,000,000");
-
-  std::ostringstream failed;
-  failed.setstate(std::ios_base::badbit);
-  Writer::Write(UnknownElement(String("\xC3\xA9")), failed);
-  EXPECT_EQ(failed.str(), "");
-}
-
-// Records how much text had arrived at each flush.
-class FlushRecorder : public std::stringbuf {
- public:
-  std::vector<size_t> flushed_at;
-
- protected:
-  int sync() override {
-    flushed_at.push_back(str().size());
-    return 0;
-  }
-};
-
-TEST(JsonWriter, FlushesAtEachIndentedLineAndAtTheEnd) {
-  Object object;
-  object["a"] = Number(1);
-  object["b"] = Array();
-  for (const bool indented : {false, true}) {
-    FlushRecorder buffer;
-    std::ostream stream(&buffer);
-    Writer::Write(object, stream, indented);
-    // "{\n", "\t\"a\" : 1,\n", "\t\"b\" : []\n", "}"
-    const std::vector<size_t> expected =
-        indented ? std::vector<size_t>{2, 12, 22, 23} : std::vector<size_t>{14};
-    EXPECT_EQ(buffer.flushed_at, expected);
-  }
-}
-
-std::string error(void (*access)()) {
-  try {
-    access();
-  } catch (const Exception& thrown) {
-    return thrown.what();
-  }
-  return "no exception";
+  EXPECT_EQ(writtenTo([](std::ostream& to) { to << std::showpos << std::setw(8); }, array),
+            R"([  +1e+20,"\u00e9",+2])");
+  EXPECT_EQ(writtenTo([](std::ostream& to) { to << std::uppercase; }, array),
+            R"([1E+20,"\u00E9",2])");
+  EXPECT_EQ(
+      writtenTo([](std::ostream& to) { to.imbue(std::locale(to.getloc(), new GroupThousands)); },
+                UnknownElement(Number(1700000000.0))),
+      "1,700,000,000");
+  EXPECT_EQ(writtenTo([](std::ostream& to) { to.setstate(std::ios_base::badbit); },
+                      UnknownElement(String("\xC3\xA9"))),
+            "");
 }
 
 TEST(JsonElements, NonConstAccessConvertsAndGrowsConstAccessThrows) {
@@ -381,21 +382,15 @@ TEST(JsonElements, NonConstAccessConvertsAndGrowsConstAccessThrows) {
   element[size_t{2}] = String("x");
   EXPECT_EQ(write(element), R"([null,null,"x"])");
 
-  EXPECT_EQ(error([] { static_cast<void>(UnknownElement(String("t")).CastTo<Number>()); }),
-            "Bad cast");
-  EXPECT_EQ(error([] {
-              const UnknownElement null;
-              static_cast<void>(static_cast<const Boolean&>(null));
-            }),
-            "Bad cast");
-  EXPECT_EQ(error([] {
-              Object object;
-              object.Insert(Object::Member("k", Number(1)));
-              object.Insert(Object::Member("k", Number(2)));
-            }),
-            "Object member already exists: k");
+  const UnknownElement null;
+  EXPECT_THAT([] { static_cast<void>(UnknownElement(String("t")).CastTo<Number>()); },
+              ThrowsMessage<Exception>("Bad cast"));
+  EXPECT_THAT([&] { static_cast<void>(static_cast<const Boolean&>(null)); },
+              ThrowsMessage<Exception>("Bad cast"));
   Object object;
   object.Insert(Object::Member("k", Number(1)));
+  EXPECT_THAT([&] { object.Insert(Object::Member("k", Number(2))); },
+              ThrowsMessage<Exception>("Object member already exists: k"));
   const Object::Member again("k");
   EXPECT_THROW(object.Insert(again), Exception);
   object.Insert(Object::Member("first"), object.begin());
@@ -423,32 +418,14 @@ TEST(JsonElements, CopiesAreDeepAndAssignmentFromAChildIsSafe) {
 }
 
 TEST(JsonElements, EqualityComparesKindValueAndOrder) {
-  const auto equal = [](const UnknownElement& left, const UnknownElement& right) {
-    return left == right;
-  };
-  EXPECT_TRUE(equal(UnknownElement(), Null()));
-  EXPECT_FALSE(equal(Number(1), Boolean(true)));
-  EXPECT_FALSE(equal(Number(1), String("1")));
-  EXPECT_FALSE(equal(Array(), Object()));
-  EXPECT_TRUE(equal(Number(0.0), Number(-0.0)));
-  EXPECT_FALSE(equal(Number(std::nan("")), Number(std::nan(""))));
-  EXPECT_FALSE(equal(String("a"), String(std::string("a\0", 2))));
-
-  // Members named by the characters of `names`, each with the value 1.
-  const auto object = [](const std::string& names) {
-    UnknownElement built;
-    for (const char name : names) built[std::string(1, name)] = Number(1);
-    return built;
-  };
-  EXPECT_TRUE(equal(object("ab"), object("ab")));
-  EXPECT_FALSE(equal(object("ab"), object("ba")));
-  EXPECT_FALSE(equal(object("ab"), object("ac")));
-  EXPECT_FALSE(equal(object("ab"), object("abc")));
-  EXPECT_FALSE(equal(object("abc"), object("ab")));
-  UnknownElement list;
-  list[size_t{1}] = Number(1);
-  EXPECT_FALSE(equal(list, UnknownElement(Array())));
-  EXPECT_TRUE(equal(list, list));
+  for (const auto& row : korcommon::testing::tableRows("json/equality.txt", 4)) {
+    const Object left = parsed(R"({"v":)" + row[0] + "}");
+    const Object right = parsed(R"({"v":)" + row[1] + "}");
+    EXPECT_EQ(std::to_string(left == right) + std::to_string(right == left),
+              row[2] == "equal" ? "11" : "00")
+        << row[3];
+  }
+  EXPECT_FALSE(UnknownElement(Number(std::nan(""))) == UnknownElement(Number(std::nan(""))));
 }
 
 }  // namespace

@@ -141,10 +141,4 @@ TYPED_TEST(MessageCodec, AgreedConstants) {
   }
 }
 
-TEST(MessageCodec, QuotingAsTheJsonWriter) {
-  for (const auto& row : tableRows("json/quoting.txt", 3)) {
-    EXPECT_EQ(dova::Msg::matchString2(row[0]), row[1]) << row[2];
-  }
-}
-
 }  // namespace

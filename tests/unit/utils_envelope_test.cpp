@@ -4,7 +4,6 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -101,55 +100,54 @@ class SignalEnvelopeCreate : public ::testing::Test {
   void TearDown() override { std::filesystem::remove_all("/opt/quor"); }
 };
 
+// The envelope as the text overload and the object overload make it from `arguments`.
+template <typename... Arguments>
+std::vector<std::string> bothForms(const Arguments&... arguments) {
+  return {createSigString(arguments...), write(createSigJson(arguments...))};
+}
+
 TEST_F(SignalEnvelopeCreate, SixteenOverloadsFillTheMembersInOrder) {
   Object pose;
   pose["x"] = Number(0.5);
-  const std::string on = R"("data":"on"})";
-  const std::string xy = R"("data":{"x":0.5}})";
-  // Each overload's text, and what its guid and timestamp must be; a generated guid is written
-  // as "G" and a generated timestamp as 0 here.
-  const std::vector<std::pair<std::function<std::string()>, std::string>> overloads = {
-      {[] { return createSigString("walk", "g-1", 1700000000123L, "on"); },
-       R"("g-1","timestamp":1700000000123,)" + on},
-      {[] { return createSigString("walk", "g-1", "on"); }, R"("g-1","timestamp":0,)" + on},
-      {[] { return createSigString("walk", 7L, "on"); }, R"("G","timestamp":7,)" + on},
-      {[] { return createSigString("walk", "on"); }, R"("G","timestamp":0,)" + on},
-      {[] { return write(createSigJson("walk", "g-1", 7L, "on")); },
-       R"("g-1","timestamp":7,)" + on},
-      {[] { return write(createSigJson("walk", "g-1", "on")); }, R"("g-1","timestamp":0,)" + on},
-      {[] { return write(createSigJson("walk", 7L, "on")); }, R"("G","timestamp":7,)" + on},
-      {[] { return write(createSigJson("walk", "on")); }, R"("G","timestamp":0,)" + on},
-      {[&] { return write(createSigJson("walk", "g-2", 5L, pose)); },
-       R"("g-2","timestamp":5,)" + xy},
-      {[&] { return write(createSigJson("walk", "g-2", pose)); }, R"("g-2","timestamp":0,)" + xy},
-      {[&] { return write(createSigJson("walk", 5L, pose)); }, R"("G","timestamp":5,)" + xy},
-      {[&] { return write(createSigJson("walk", pose)); }, R"("G","timestamp":0,)" + xy},
-      {[&] { return createSigString("walk", "g-2", 5L, pose); }, R"("g-2","timestamp":5,)" + xy},
-      {[&] { return createSigString("walk", "g-2", pose); }, R"("g-2","timestamp":0,)" + xy},
-      {[&] { return createSigString("walk", 5L, pose); }, R"("G","timestamp":5,)" + xy},
-      {[&] { return createSigString("walk", pose); }, R"("G","timestamp":0,)" + xy},
-  };
+  const double before = wallClockMilliseconds();
+  // Per payload: guid and timestamp given, the guid only, the timestamp only, neither.
+  const std::vector<std::vector<std::string>> made = {
+      bothForms("walk", "g-1", 7L, "on"), bothForms("walk", "g-1", "on"),
+      bothForms("walk", 7L, "on"),        bothForms("walk", "on"),
+      bothForms("walk", "g-1", 7L, pose), bothForms("walk", "g-1", pose),
+      bothForms("walk", 7L, pose),        bothForms("walk", pose)};
+  const double after = wallClockMilliseconds();
+  // A generated guid is written as "G" and a generated timestamp as 0 below.
+  std::vector<std::string> actual;
+  std::vector<std::string> expected;
   std::set<std::string> guids;
   bool fractional = false;
-  for (const auto& [make, expected] : overloads) {
-    const double before = wallClockMilliseconds();
-    Object envelope;
-    std::istringstream text(make());
-    dova::json::Reader::Read(envelope, text);
-    const double after = wallClockMilliseconds();
-    if (expected[1] == 'G') {
-      guids.insert(getSigString(envelope["guid"]));
-      envelope["guid"] = String("G");
+  for (size_t call = 0; call < made.size(); ++call) {
+    const bool guid_given = call % 4 < 2;
+    const bool timestamp_given = call % 2 == 0;
+    for (const std::string& text : made[call]) {
+      Object envelope;
+      std::istringstream stream(text);
+      dova::json::Reader::Read(envelope, stream);
+      if (!guid_given) {
+        guids.insert(getSigString(envelope["guid"]));
+        envelope["guid"] = String("G");
+      }
+      if (!timestamp_given) {
+        // One millisecond of slack for the two clocks' rounding.
+        const double milliseconds = getSigNumber(envelope["timestamp"]);
+        EXPECT_TRUE(milliseconds >= before - 1 && milliseconds <= after + 1) << milliseconds;
+        fractional = fractional || std::floor(milliseconds) != milliseconds;
+        envelope["timestamp"] = Number(0);
+      }
+      actual.push_back(write(envelope));
+      expected.push_back(std::string(R"({"accid":"RB-0001","title":"walk","guid":)") +
+                         (guid_given ? R"("g-1")" : R"("G")") +
+                         ",\"timestamp\":" + (timestamp_given ? "7" : "0") +
+                         (call < 4 ? R"(,"data":"on"})" : R"(,"data":{"x":0.5}})"));
     }
-    if (expected.find("\"timestamp\":0,") != std::string::npos) {
-      // One millisecond of slack for the two clocks' rounding.
-      const double milliseconds = getSigNumber(envelope["timestamp"]);
-      EXPECT_TRUE(milliseconds >= before - 1 && milliseconds <= after + 1) << milliseconds;
-      fractional = fractional || std::floor(milliseconds) != milliseconds;
-      envelope["timestamp"] = Number(0);
-    }
-    EXPECT_EQ(write(envelope), R"({"accid":"RB-0001","title":"walk","guid":)" + expected);
   }
+  EXPECT_EQ(actual, expected);
   EXPECT_EQ(guids.size(), 8u);
   for (const std::string& guid : guids) EXPECT_EQ(guid.size(), 36u) << guid;
   EXPECT_TRUE(fractional) << "generated timestamps keep the sub-millisecond part";
