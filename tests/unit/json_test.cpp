@@ -5,11 +5,13 @@
 
 #include <cmath>
 #include <cstdio>
+#include <ext/stdio_sync_filebuf.h>
 #include <filesystem>
 #include <iomanip>
 #include <iterator>
 #include <limits>
 #include <locale>
+#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -72,29 +74,18 @@ std::string readInto(Object& object, std::istream& stream) {
   }
 }
 
-// Serves its text a character at a time, without a buffer, as unbuffered stream buffers do.
-class UnbufferedText : public std::streambuf {
- public:
-  explicit UnbufferedText(std::string text) : text_(std::move(text)) {}
-
- protected:
-  int_type underflow() override {
-    return next_ < text_.size() ? traits_type::to_int_type(text_[next_]) : traits_type::eof();
-  }
-  int_type uflow() override {
-    const int_type next = underflow();
-    if (next != traits_type::eof()) ++next_;
-    return next;
-  }
-  int_type pbackfail(int_type character) override {
-    if (next_ == 0) return traits_type::eof();
-    --next_;
-    return character;
-  }
-
- private:
-  std::string text_;
-  size_t next_ = 0;
+// A stream over `content` without a buffer: each character is taken from a memory file as it is
+// read, as from any unbuffered stream.
+struct UnbufferedText {
+  explicit UnbufferedText(std::string content)
+      : text(std::move(content)),
+        file(fmemopen(text.data(), text.size(), "r"), std::fclose),
+        buffer(file.get()),
+        stream(&buffer) {}
+  std::string text;
+  std::unique_ptr<FILE, int (*)(FILE*)> file;
+  __gnu_cxx::stdio_sync_filebuf<char> buffer;
+  std::istream stream;
 };
 
 // What the reader makes of `text`, the same from a buffered and an unbuffered stream.
@@ -102,10 +93,9 @@ std::string read(const std::string& text) {
   Object object;
   std::istringstream buffered(text);
   const std::string result = readInto(object, buffered);
-  UnbufferedText unbuffered_text(text);
-  std::istream unbuffered(&unbuffered_text);
+  UnbufferedText unbuffered(text);
   Object again;
-  EXPECT_EQ(readInto(again, unbuffered), result) << "unbuffered";
+  EXPECT_EQ(readInto(again, unbuffered.stream), result) << "unbuffered";
   return result;
 }
 
@@ -156,12 +146,11 @@ TEST(JsonReader, LeavesTheStreamJustAfterWhatItRead) {
   // A mismatching character is consumed, an unexpected one is not, and a document read whole.
   for (const auto& [text, rest] : std::vector<std::pair<std::string, std::string>>{
            {R"({"b":tru}x)", "x"}, {"{a}", "a}"}, {R"({"a":1} )", ""}}) {
-    UnbufferedText unbuffered_text(text);
-    std::istream unbuffered(&unbuffered_text);
+    UnbufferedText unbuffered(text);
     Object object;
-    readInto(object, unbuffered);
-    unbuffered.clear();
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(unbuffered), {}), rest) << text;
+    readInto(object, unbuffered.stream);
+    unbuffered.stream.clear();
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(unbuffered.stream), {}), rest) << text;
   }
   // A stream already at its end holds no tokens; a failed one reads as the end-of-file value.
   for (const auto state : {std::ios_base::eofbit, std::ios_base::failbit}) {
