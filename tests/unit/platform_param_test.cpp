@@ -21,35 +21,28 @@
 namespace {
 namespace fs = std::filesystem;
 
+using korcommon::testing::readFile;
+using korcommon::testing::writeFile;
+
+// Each case starts from an empty directory on the private /opt.
+const std::string kDirectory = "/opt/param_test/";
+
 class ParamTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KORCOMMON_REQUIRE_PRIVATE_OPT();
-    directory_ = "/opt/param_test";
-    fs::remove_all(directory_);
+    fs::remove_all(kDirectory);
+    fs::create_directories(kDirectory);
   }
-
-  std::string path(const std::string& name) const { return directory_ + "/" + name; }
-
-  void writeFile(const std::string& name, const std::string& content) const {
-    fs::create_directories(directory_);
-    std::ofstream(path(name), std::ios::binary) << content;
-  }
-
-  std::string readFile(const std::string& name) const {
-    return korcommon::testing::readFile(path(name));
-  }
-
-  std::string directory_;
 };
 
 TEST_F(ParamTest, ValuesComeBackExactly) {
-  dova::Param absent(path("absent.yaml"));
+  dova::Param absent(kDirectory + "absent.yaml");
   std::string text = "untouched";
   std::vector<double> numbers{1.0};
   EXPECT_FALSE(absent.get("sn", text) || absent.get("joint_offset", numbers));
   EXPECT_EQ(text + std::to_string(numbers.size()), "untouched1");
-  EXPECT_FALSE(fs::exists(path("absent.yaml"))) << "reading must not create the file";
+  EXPECT_FALSE(fs::exists(kDirectory + "absent.yaml")) << "reading must not create the file";
 
   // Doubles bit for bit (NaN as NaN), in a file whose parents set() creates. Arbitrary bit
   // patterns are the parameter fuzzer's.
@@ -57,7 +50,7 @@ TEST_F(ParamTest, ValuesComeBackExactly) {
   std::vector<double> values({0.1, -0.0, 1e-310, limits::denorm_min(), limits::max(), 1.0 / 3,
                               -2.0 / 7, 123456789.00000012, limits::infinity(), -limits::infinity(),
                               std::nan("")});
-  const std::string deep = directory_ + "/deeper/still/values.yaml";
+  const std::string deep = kDirectory + "deeper/still/values.yaml";
   dova::Param(deep).set("values", values);
   std::vector<double> read_back;
   ASSERT_TRUE(dova::Param(deep).get("values", read_back));
@@ -69,9 +62,9 @@ TEST_F(ParamTest, ValuesComeBackExactly) {
   // Texts that YAML would otherwise read as null, booleans, numbers or syntax.
   for (const std::string stored : {"~", "null", "yes", "12", "0x1F", "- a", "a: b", "#x", "",
                                    " lead", "trail ", "line\nfeed", "\"quo\"", "tab\t", "ü→✓"}) {
-    dova::Param(path("text.yaml")).set("sn", stored);
+    dova::Param(kDirectory + "text.yaml").set("sn", stored);
     std::string value = "unset";
-    ASSERT_TRUE(dova::Param(path("text.yaml")).get("sn", value)) << stored;
+    ASSERT_TRUE(dova::Param(kDirectory + "text.yaml").get("sn", value)) << stored;
     EXPECT_EQ(value, stored);
   }
 }
@@ -79,17 +72,18 @@ TEST_F(ParamTest, ValuesComeBackExactly) {
 // That every other key survives a set() is the parameter fuzzer's property; here the key's
 // place, the file's mode and the Param's own view.
 TEST_F(ParamTest, SetUpdatesInPlace) {
-  writeFile("mixed.yaml", "name: robot\nnested: {a: 1}\nsn: old\nlast: 1\n");
-  ASSERT_EQ(chmod(path("mixed.yaml").c_str(), 0777), 0);
-  dova::Param param(path("mixed.yaml"));
+  const std::string file = kDirectory + "mixed.yaml";
+  writeFile(file, "name: robot\nnested: {a: 1}\nsn: old\nlast: 1\n");
+  ASSERT_EQ(chmod(file.c_str(), 0777), 0);
+  dova::Param param(file);
   param.set("sn", "new");
   std::string sn;
   EXPECT_TRUE(param.get("sn", sn) && sn == "new");
-  const std::string text = readFile("mixed.yaml");
+  const std::string text = readFile(file);
   EXPECT_LT(text.find("nested"), text.find("sn: \"new\""));
   EXPECT_LT(text.find("sn: \"new\""), text.find("last"));
   struct stat status {};
-  ASSERT_EQ(stat(path("mixed.yaml").c_str(), &status), 0);
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0777u);
 }
 
@@ -97,18 +91,18 @@ TEST_F(ParamTest, MalformedOrWrongShapedFilesThrowNamingThePath) {
   // A list or a scalar, not a mapping, and syntax errors, one after a good line.
   for (const std::string content :
        {"[1, 2, 3]\n", "just a scalar\n", "key: [unclosed\n", "a: 1\na: {\n"}) {
-    writeFile("bad.yaml", content);
+    writeFile(kDirectory + "bad.yaml", content);
     try {
-      dova::Param param(path("bad.yaml"));
+      dova::Param param(kDirectory + "bad.yaml");
       ADD_FAILURE() << "accepted: " << content;
     } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(path("bad.yaml")), std::string::npos)
+      EXPECT_NE(std::string(error.what()).find(kDirectory + "bad.yaml"), std::string::npos)
           << error.what();
     }
   }
 
-  writeFile("shapes.yaml", "sn: [1, 2]\nlist: notalist\nwords: [a, b]\nempty:\n");
-  dova::Param param(path("shapes.yaml"));
+  writeFile(kDirectory + "shapes.yaml", "sn: [1, 2]\nlist: notalist\nwords: [a, b]\nempty:\n");
+  dova::Param param(kDirectory + "shapes.yaml");
   std::string text;
   std::vector<double> numbers;
   EXPECT_THROW(param.get("sn", text), std::runtime_error);
@@ -116,49 +110,48 @@ TEST_F(ParamTest, MalformedOrWrongShapedFilesThrowNamingThePath) {
   EXPECT_THROW(param.get("words", numbers), std::runtime_error);
   EXPECT_FALSE(param.get("empty", text)) << "a null value counts as absent";
 
-  fs::create_directories(path("a_directory.yaml"));
-  EXPECT_THROW(dova::Param(path("a_directory.yaml")), std::runtime_error);
+  fs::create_directories(kDirectory + "a_directory.yaml");
+  EXPECT_THROW(dova::Param(kDirectory + "a_directory.yaml"), std::runtime_error);
 }
 
 // A read-only file system refuses before anything is written; a full one in the middle of the
 // write. Either way the file, the Param and the directory stay as they were.
 TEST_F(ParamTest, FailedWriteChangesNothing) {
-  fs::create_directories(path("locked"));
-  ASSERT_EQ(mount("tmpfs", path("locked").c_str(), "tmpfs", 0, "size=64k"), 0)
-      << std::strerror(errno);
-  dova::Param param(path("locked/sn.yaml"));
+  const std::string locked = kDirectory + "locked";
+  fs::create_directories(locked);
+  ASSERT_EQ(mount("tmpfs", locked.c_str(), "tmpfs", 0, "size=64k"), 0) << std::strerror(errno);
+  dova::Param param(locked + "/sn.yaml");
   param.set("sn", "kept");
-  const std::string before = readFile("locked/sn.yaml");
-  std::ofstream(path("locked/filler"), std::ios::binary) << std::string(60 * 1024, 'f');
+  const std::string before = readFile(locked + "/sn.yaml");
+  std::ofstream(locked + "/filler", std::ios::binary) << std::string(60 * 1024, 'f');
   for (const bool read_only : {true, false}) {
     if (read_only) {
-      ASSERT_EQ(mount(nullptr, path("locked").c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr),
-                0);
+      ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     }
     try {
       param.set("sn", std::string(16 * 1024, 'x'));
       ADD_FAILURE() << "a write to a " << (read_only ? "read-only" : "full") << " file system";
     } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(path("locked/sn.yaml")), std::string::npos);
+      EXPECT_NE(std::string(error.what()).find(locked + "/sn.yaml"), std::string::npos);
     }
     if (read_only) {
-      ASSERT_EQ(mount(nullptr, path("locked").c_str(), nullptr, MS_REMOUNT, nullptr), 0);
+      ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT, nullptr), 0);
     }
     std::string value;
     EXPECT_TRUE(param.get("sn", value) && value == "kept") << "a value it could not store";
-    EXPECT_EQ(readFile("locked/sn.yaml"), before);
+    EXPECT_EQ(readFile(locked + "/sn.yaml"), before);
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path("locked"))) {
+    for (const auto& entry : fs::directory_iterator(locked)) {
       names.insert(entry.path().filename());
     }
     EXPECT_EQ(names, (std::set<std::string>{"filler", "sn.yaml"})) << "temporary file left behind";
   }
-  umount(path("locked").c_str());
+  umount(locked.c_str());
 }
 
 // A writer killed at any moment leaves either the old or the new file.
 TEST_F(ParamTest, KilledWriterNeverLeavesATornFile) {
-  const std::string file = path("torn.yaml");
+  const std::string file = kDirectory + "torn.yaml";
   const std::vector<double> first(64, 1.0 / 3.0);
   const std::vector<double> second(64, 2.0 / 3.0);
   dova::Param(file).set("values", first);
