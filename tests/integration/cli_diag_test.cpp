@@ -73,10 +73,7 @@ TEST_F(CliDiag, ReportReachesEchoesInAnotherProcessMemberByMember) {
 
 TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
   // A reporter that has ended leaves no state behind.
-  EXPECT_EQ(korcommon::testing::runTool(
-                KORCOMMON_CLI, {"diag", "pub", "s/gone", "error", "1", "gone", "--linger", "0"})
-                .status,
-            0);
+  EXPECT_EQ(start({"diag", "pub", "s/gone", "error", "1", "gone", "--linger", "0"})->wait(), 0);
   auto quiet = publisher(
       {"s/quiet", "ok", "12", "published once", "--linger", "60", "--node", "quiet_node"});
   auto error = publisher({"t/error", "error", "2", "broken", "--linger", "60"});

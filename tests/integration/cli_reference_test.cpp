@@ -1,16 +1,18 @@
 // The bash completion and the man page the build writes from the tool's command tree.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <regex>
 #include <string>
 
+#include "child_process.h"
 #include "cli_rows.h"
 #include "read_file.h"
 
 namespace {
 
-using korcommon::testing::runTool;
-using korcommon::testing::ToolResult;
+using korcommon::testing::ChildProcess;
+using ::testing::HasSubstr;
 
 TEST(CliReference, BashCompletionOffersCommandsOptionsAndChoices) {
   // Each row gives the words typed, the last one being completed, and what is offered.
@@ -23,26 +25,23 @@ TEST(CliReference, BashCompletionOffersCommandsOptionsAndChoices) {
 }
 
 TEST(CliReference, ManPageRendersEveryCommandWithoutWarnings) {
-  const ToolResult run =
-      runTool("/usr/bin/groff", {"-man", "-Tascii", "-ww", "-P-cbou", KORCOMMON_MAN_PAGE});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "") << "roff warnings";
+  ChildProcess groff("/usr/bin/groff", {"-man", "-Tascii", "-ww", "-P-cbou", KORCOMMON_MAN_PAGE});
+  ASSERT_EQ(groff.wait(), 0) << groff.errors();
+  EXPECT_EQ(groff.errors(), "") << "roff warnings";
+  const std::string page = groff.output();
   // Every command of the completion's tree has its section, its usage line as typed.
   const std::string completion = korcommon::testing::readFile(KORCOMMON_COMPLETION);
-  const std::string table_start = "local -A subcommands=(\n";
-  std::istringstream table(completion.substr(completion.find(table_start) + table_start.size()));
+  const size_t start = completion.find("local -A subcommands=(");
+  const std::string tree = completion.substr(start, completion.find("\n  )", start) - start);
+  const std::regex command(R"(\['(korcommon [^']+)'\]=)");
   int commands = 0;
-  for (std::string line; std::getline(table, line) && line != "  )";) {
-    const std::string path =
-        line.substr(line.find("['") + 2, line.find("']") - line.find("['") - 2);
-    if (path == "korcommon") continue;
+  for (std::sregex_iterator at(tree.begin(), tree.end(), command), end; at != end; ++at) {
     ++commands;
-    EXPECT_NE(run.out.find("\n   " + path + "\n"), std::string::npos) << path;
-    EXPECT_NE(run.out.find("\n       " + path + " [OPTIONS]"), std::string::npos) << path;
+    EXPECT_THAT(page, HasSubstr("\n   " + at->str(1) + "\n"));
+    EXPECT_THAT(page, HasSubstr("\n       " + at->str(1) + " [OPTIONS]"));
   }
   EXPECT_GE(commands, 7);
-  EXPECT_NE(run.out.find("ITEM   What to print: sn, joint-offset, joint-limit, urdf-dir"),
-            std::string::npos);
+  EXPECT_THAT(page, HasSubstr("ITEM   What to print: sn, joint-offset, joint-limit, urdf-dir"));
 }
 
 }  // namespace

@@ -22,19 +22,6 @@ void expectText(const std::string& actual, const std::string& expected, const ch
   }
 }
 
-ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
-                   const std::string& input, std::chrono::milliseconds timeout) {
-  ChildProcess tool(program, arguments, input);
-  const int status = tool.wait(timeout);
-  if (!tool.ended()) {
-    std::string command = program;
-    for (const std::string& argument : arguments) command += " " + argument;
-    ADD_FAILURE() << "timed out: " << command << " still ran after " << timeout.count()
-                  << " ms and was killed";
-  }
-  return {status, tool.output(), tool.errors()};
-}
-
 std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
                            const std::map<std::string, std::string>& variables) {
   using dova::json::Object;

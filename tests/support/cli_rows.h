@@ -1,25 +1,11 @@
 #ifndef KORCOMMON_TESTS_SUPPORT_CLI_ROWS_H_
 #define KORCOMMON_TESTS_SUPPORT_CLI_ROWS_H_
 
-#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "threads.h"
-
 namespace korcommon::testing {
-
-struct ToolResult {
-  int status = -1;  // the exit status, or -1 when the program did not exit by itself
-  std::string out;
-  std::string err;
-};
-
-// Runs a program to its end. One still running after `timeout` is killed, and the test
-// fails saying so.
-ToolResult runTool(const std::string& program, const std::vector<std::string>& arguments,
-                   const std::string& input = "", std::chrono::milliseconds timeout = kDeadline);
 
 // One command line and what it must answer. `out` and `err` are exact texts, except that
 // one starting with '~' is a regular expression (ECMAScript) the whole text must match.
