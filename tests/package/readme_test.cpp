@@ -10,7 +10,7 @@
 #include <sstream>
 #include <string>
 
-#include "cli_rows.h"
+#include "child_process.h"
 #include "dds_domain.h"
 #include "private_opt.h"
 #include "read_file.h"
@@ -41,35 +41,30 @@ TEST(Readme, EveryStepWorksAsWritten) {
   korcommon::testing::claimDdsDomain();
   const korcommon::testing::ScratchDirectory home("korcommon_readme");
   const ScopedEnv home_variable("HOME", home.path().string());
-  const ScopedEnv loopback_only("CYCLONEDDS_URI", std::nullopt);
 
   std::string script = kPreamble;
   std::istringstream page(korcommon::testing::readFile(KORCOMMON_README));
-  bool runs = true;  // false for the block after a "<!-- readme-test: not run ... -->" line
-  for (std::string line; std::getline(page, line);) {
-    if (line.rfind("<!-- readme-test: not run", 0) == 0) runs = false;
+  // A shell block runs unless the line before it is "<!-- readme-test: not run ... -->"; a
+  // program is saved as the file its first line names: "// NAME: ..." or "# NAME".
+  const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
+  for (std::string line, before; std::getline(page, line); before = line) {
     if (line.rfind("```", 0) != 0) continue;
-    const std::string language = line.substr(3);
     std::string text;
-    while (std::getline(page, line) && line != "```") text += line + '\n';
-    if (language == "sh") {
-      if (runs) script += text;
-    } else {
-      // A program is saved as the file its first line names: "// NAME: ..." or "# NAME".
-      static const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
-      const std::string first = text.substr(0, text.find('\n'));
-      std::smatch name;
-      ASSERT_TRUE(std::regex_match(first, name, first_line))
-          << "a " << language << " block names no file:\n"
-          << text;
+    for (std::string code; std::getline(page, code) && code != "```";) text += code + '\n';
+    const std::string first = text.substr(0, text.find('\n'));
+    std::smatch name;
+    if (line == "```sh") {
+      if (before.rfind("<!-- readme-test: not run", 0) != 0) script += text;
+    } else if (std::regex_match(first, name, first_line)) {
       std::ofstream(home.path() / name[2].str()) << text;
+    } else {
+      ADD_FAILURE() << "a " << line << " block names no file:\n" << text;
     }
-    runs = true;
   }
-  const korcommon::testing::ToolResult run = korcommon::testing::runTool(
-      "/bin/bash", {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS}, "",
-      std::chrono::minutes(4));
-  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  korcommon::testing::ChildProcess run("/bin/bash",
+                                       {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS});
+  ASSERT_EQ(run.wait(std::chrono::minutes(4)), 0) << run.output() << run.errors();
+  const std::string out = run.output();
 
   // What the page says these steps print, each pattern with the number of times.
   const std::pair<const char*, int> printed[] = {
@@ -84,11 +79,11 @@ TEST(Readme, EveryStepWorksAsWritten) {
   };
   for (const auto& [pattern, times] : printed) {
     const std::regex expression(pattern);
-    EXPECT_EQ(std::distance(std::sregex_iterator(run.out.begin(), run.out.end(), expression),
+    EXPECT_EQ(std::distance(std::sregex_iterator(out.begin(), out.end(), expression),
                             std::sregex_iterator()),
               times)
         << pattern << "\n"
-        << run.out;
+        << out;
   }
 }
 
