@@ -1,5 +1,8 @@
-// "korcommon imptdata" on a private /opt: the command lines of tests/data/cli/imptdata.json,
-// group by group, in order. A refused command line leaves the store as it was.
+// The tool's commands that use the important-data store, on a private /opt: "korcommon
+// imptdata", whose refused command lines leave the store as it was, and "korcommon sig", whose
+// envelopes carry the serial number as their account id; with the tool's top level. The
+// command lines of tests/data/cli/imptdata.json and sig.json (on the envelopes in
+// tests/data/cli/sig), group by group, in order.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -23,7 +26,7 @@ using korcommon::testing::rowsOf;
 constexpr char kStore[] = "/opt/quor/imptdata";
 constexpr char kOffsets[] = "/opt/quor/imptdata/joint_offset.yaml";
 
-class CliImptdata : public ::testing::Test {
+class CliStore : public ::testing::Test {
  protected:
   void SetUp() override {
     KORCOMMON_REQUIRE_PRIVATE_OPT();
@@ -34,7 +37,7 @@ class CliImptdata : public ::testing::Test {
   }
 };
 
-TEST_F(CliImptdata, SetGetAndShow) {
+TEST_F(CliStore, ImptdataSetGetAndShow) {
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "empty"));
   EXPECT_FALSE(fs::exists("/opt/quor")) << "reading must not create the store";
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "set"));
@@ -44,7 +47,7 @@ TEST_F(CliImptdata, SetGetAndShow) {
   EXPECT_EQ(ImptData::getJointLimit(), (std::vector<double>{1.0 / 3.0, -2.0 / 7.0}));
 }
 
-TEST_F(CliImptdata, BadValuesAreRefusedAndChangeNothing) {
+TEST_F(CliStore, ImptdataBadValuesAreRefusedAndChangeNothing) {
   ASSERT_TRUE(ImptData::setJointOffset({1.0, 2.0}));
   const std::string before = readFile(kOffsets);
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "refused"));
@@ -52,7 +55,7 @@ TEST_F(CliImptdata, BadValuesAreRefusedAndChangeNothing) {
   EXPECT_EQ(std::distance(fs::directory_iterator(kStore), {}), 1) << "only joint_offset.yaml";
 }
 
-TEST_F(CliImptdata, StorageFaultsAreOneErrorLineAndKeepTheOldValues) {
+TEST_F(CliStore, ImptdataStorageFaultsAreOneErrorLineAndKeepTheOldValues) {
   fs::create_directories(kStore);
   ASSERT_EQ(mount("tiny", kStore, "tmpfs", 0, "size=16k"), 0);
   ASSERT_TRUE(ImptData::setSN("RB-1"));
@@ -71,6 +74,19 @@ TEST_F(CliImptdata, StorageFaultsAreOneErrorLineAndKeepTheOldValues) {
   fs::remove("/opt/quor/imptdata/filler");
   korcommon::testing::writeFile("/opt/quor/imptdata/joint_limit.yaml", "joint_limit: [1, {\n");
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "damaged"));
+}
+
+TEST_F(CliStore, SigMakeInspectAndHelp) {
+  ASSERT_TRUE(ImptData::setSN("RB-0001"));
+  expectRows(
+      KORCOMMON_CLI,
+      rowsOf("sig.json", "make",
+             {{"VERSION", KORCOMMON_VERSION},
+              {"GUID", "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"},
+              {"NOW", R"(1[0-9]{12}(\.[0-9]+)?)"}}));  // milliseconds since the epoch
+  expectRows(KORCOMMON_CLI,
+             rowsOf("sig.json", "inspect", {{"DIR", KORCOMMON_TEST_DATA_DIR "/cli/sig"}}));
+  expectRows(KORCOMMON_CLI, rowsOf("sig.json", "help"));
 }
 
 }  // namespace
