@@ -1,15 +1,19 @@
-// The tool's commands that use the important-data store, on a private /opt: "korcommon
-// imptdata", whose refused command lines leave the store as it was, and "korcommon sig", whose
-// envelopes carry the serial number as their account id; with the tool's top level. The
-// command lines of tests/data/cli/imptdata.json and sig.json (on the envelopes in
-// tests/data/cli/sig), group by group, in order.
+// The korcommon tool where it needs no DDS, on a private /opt: "korcommon imptdata", whose
+// refused command lines leave the store as it was, "korcommon sig", whose envelopes carry the
+// serial number as their account id, the tool's top level, and the bash completion and the man
+// page the build writes from the tool's command tree. The command lines of
+// tests/data/cli/imptdata.json, sig.json (on the envelopes in tests/data/cli/sig) and
+// reference.json, group by group, in order.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "cli_rows.h"
 #include "korcommon/ImptData.h"
 #include "private_opt.h"
@@ -19,14 +23,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using korcommon::ImptData;
+using korcommon::testing::ChildProcess;
 using korcommon::testing::expectRows;
 using korcommon::testing::readFile;
 using korcommon::testing::rowsOf;
+using ::testing::HasSubstr;
 
 constexpr char kStore[] = "/opt/quor/imptdata";
 constexpr char kOffsets[] = "/opt/quor/imptdata/joint_offset.yaml";
 
-class CliStore : public ::testing::Test {
+class CliOffline : public ::testing::Test {
  protected:
   void SetUp() override {
     KORCOMMON_REQUIRE_PRIVATE_OPT();
@@ -37,7 +43,7 @@ class CliStore : public ::testing::Test {
   }
 };
 
-TEST_F(CliStore, ImptdataSetGetAndShow) {
+TEST_F(CliOffline, ImptdataSetGetAndShow) {
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "empty"));
   EXPECT_FALSE(fs::exists("/opt/quor")) << "reading must not create the store";
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "set"));
@@ -47,7 +53,7 @@ TEST_F(CliStore, ImptdataSetGetAndShow) {
   EXPECT_EQ(ImptData::getJointLimit(), (std::vector<double>{1.0 / 3.0, -2.0 / 7.0}));
 }
 
-TEST_F(CliStore, ImptdataBadValuesAreRefusedAndChangeNothing) {
+TEST_F(CliOffline, ImptdataBadValuesAreRefusedAndChangeNothing) {
   ASSERT_TRUE(ImptData::setJointOffset({1.0, 2.0}));
   const std::string before = readFile(kOffsets);
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "refused"));
@@ -55,7 +61,7 @@ TEST_F(CliStore, ImptdataBadValuesAreRefusedAndChangeNothing) {
   EXPECT_EQ(std::distance(fs::directory_iterator(kStore), {}), 1) << "only joint_offset.yaml";
 }
 
-TEST_F(CliStore, ImptdataStorageFaultsAreOneErrorLineAndKeepTheOldValues) {
+TEST_F(CliOffline, ImptdataStorageFaultsAreOneErrorLineAndKeepTheOldValues) {
   fs::create_directories(kStore);
   ASSERT_EQ(mount("tiny", kStore, "tmpfs", 0, "size=16k"), 0);
   ASSERT_TRUE(ImptData::setSN("RB-1"));
@@ -76,7 +82,7 @@ TEST_F(CliStore, ImptdataStorageFaultsAreOneErrorLineAndKeepTheOldValues) {
   expectRows(KORCOMMON_CLI, rowsOf("imptdata.json", "damaged"));
 }
 
-TEST_F(CliStore, SigMakeInspectAndHelp) {
+TEST_F(CliOffline, SigMakeInspectAndHelp) {
   ASSERT_TRUE(ImptData::setSN("RB-0001"));
   expectRows(
       KORCOMMON_CLI,
@@ -87,6 +93,35 @@ TEST_F(CliStore, SigMakeInspectAndHelp) {
   expectRows(KORCOMMON_CLI,
              rowsOf("sig.json", "inspect", {{"DIR", KORCOMMON_TEST_DATA_DIR "/cli/sig"}}));
   expectRows(KORCOMMON_CLI, rowsOf("sig.json", "help"));
+}
+
+TEST(CliReference, BashCompletionOffersCommandsOptionsAndChoices) {
+  // Each row gives the words typed, the last one being completed, and what is offered.
+  expectRows("/bin/bash",
+             rowsOf("reference.json", "completion",
+                    {{"COMPLETION", KORCOMMON_COMPLETION},
+                     {"COMPLETE", R"(source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); )"
+                                  R"(_korcommon; echo "${COMPREPLY[*]}")"}}));
+}
+
+TEST(CliReference, ManPageRendersEveryCommandWithoutWarnings) {
+  ChildProcess groff("/usr/bin/groff", {"-man", "-Tascii", "-ww", "-P-cbou", KORCOMMON_MAN_PAGE});
+  ASSERT_EQ(groff.wait(), 0) << groff.errors();
+  EXPECT_EQ(groff.errors(), "") << "roff warnings";
+  const std::string page = groff.output();
+  // Every command of the completion's tree has its section, its usage line as typed.
+  const std::string completion = readFile(KORCOMMON_COMPLETION);
+  const size_t start = completion.find("local -A subcommands=(");
+  const std::string tree = completion.substr(start, completion.find("\n  )", start) - start);
+  const std::regex command(R"(\['(korcommon [^']+)'\]=)");
+  int commands = 0;
+  for (std::sregex_iterator at(tree.begin(), tree.end(), command), end; at != end; ++at) {
+    ++commands;
+    EXPECT_THAT(page, HasSubstr("\n   " + at->str(1) + "\n"));
+    EXPECT_THAT(page, HasSubstr("\n       " + at->str(1) + " [OPTIONS]"));
+  }
+  EXPECT_GE(commands, 7);
+  EXPECT_THAT(page, HasSubstr("ITEM   What to print: sn, joint-offset, joint-limit, urdf-dir"));
 }
 
 }  // namespace
