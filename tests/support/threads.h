@@ -48,10 +48,6 @@ class Inbox {
     std::lock_guard<std::mutex> lock(mutex_);
     return items_.size();
   }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    items_.clear();
-  }
   // The items so far, which leave the inbox.
   std::vector<T> take() {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -48,7 +48,7 @@ class TraceCapture {
     return matching;
   }
 
-  void clear() { reports_->clear(); }
+  void clear() { reports_->take(); }
 
  private:
   std::shared_ptr<Inbox<TraceReport>> reports_ = std::make_shared<Inbox<TraceReport>>();

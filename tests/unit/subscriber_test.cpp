@@ -1,10 +1,9 @@
 // The typed subscriber's two entry points and its registration with a node handle.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,6 +13,7 @@
 #include "dova/init.h"
 #include "dova/msgs/diagnostic_msgs/DiagnosticValue.h"
 #include "dova/os/node_handle_base.h"
+#include "read_file.h"
 #include "stand_in_handle.h"
 #include "table_rows.h"
 #include "trace_capture.h"
@@ -175,32 +175,21 @@ TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
   }
 }
 
-// Threads of this process named "dova_pool".
-size_t poolThreads() {
-  size_t count = 0;
-  if (DIR* tasks = opendir("/proc/self/task")) {
-    while (const dirent* entry = readdir(tasks)) {
-      std::string name;
-      std::getline(std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm"), name);
-      count += name == "dova_pool";
-    }
-    closedir(tasks);
-  }
-  return count;
-}
-
-// Whether they come back to `count` within a deadline (a released pool's worker leaves a
-// moment after the pool is gone).
+// Whether the threads of this process named "dova_pool" come back to `count` within a
+// deadline (a released pool's worker leaves a moment after the pool is gone).
 bool poolThreadsReturnTo(size_t count) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (poolThreads() != count && std::chrono::steady_clock::now() < deadline) {
+  const auto deadline = std::chrono::steady_clock::now() + korcommon::testing::kDeadline;
+  for (;;) {
+    size_t threads = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      threads += korcommon::testing::readFile(task.path() / "comm") == "dova_pool\n";
+    }
+    if (threads == count || std::chrono::steady_clock::now() > deadline) return threads == count;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  return poolThreads() == count;
 }
 
 TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
-  const size_t pool_threads = poolThreads();
   const korcommon::testing::TraceCapture refusals;  // too late: refused with an error
   std::vector<std::unique_ptr<DiagnosticSubscriber>> subscribers;
   const auto subscribe = [&subscribers](dova::NodeHandleBase* handle) {
@@ -216,7 +205,7 @@ TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
   stopped->inited = 1;  // as the registration saw it
   subscribe(stopped);
   EXPECT_TRUE(stopped->pools.empty()) << "a pool nothing will ever post to";
-  EXPECT_TRUE(poolThreadsReturnTo(pool_threads));
+  EXPECT_TRUE(poolThreadsReturnTo(0));
 
   // The same race run for real: registrations on one thread, shutdown on another.
   for (int round = 0; round < 20; ++round) {
@@ -231,7 +220,7 @@ TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
     dova::shutdown();
     racing.join();
   }
-  EXPECT_TRUE(poolThreadsReturnTo(pool_threads));
+  EXPECT_TRUE(poolThreadsReturnTo(0));
 }
 
 }  // namespace
