@@ -38,6 +38,7 @@ using dova::json::Reader;
 using dova::json::String;
 using dova::json::UnknownElement;
 using dova::json::Writer;
+using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 
 template <typename ElementT>
@@ -121,8 +122,7 @@ TEST(JsonReader, AddsToTheTargetAndKeepsWhatWasReadBeforeAnError) {
   std::string members;
   for (int member = 0; member < 100; ++member) members += "\"m" + std::to_string(member) + "\":0,";
   for (const std::string name : {"m7", "m99"}) {
-    EXPECT_NE(read("{" + members + "\"" + name + "\":1}").find("token: " + name + " |"),
-              std::string::npos);
+    EXPECT_THAT(read("{" + members + "\"" + name + "\":1}"), HasSubstr("token: " + name + " |"));
   }
   EXPECT_EQ(read("{" + members + "\"m100\":1}"), "{" + members + "\"m100\":1}");
 }

@@ -2,6 +2,7 @@
 // text, against vsnprintf.
 #include "korcommon/log.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <locale.h>
 #include <sys/syscall.h>
@@ -168,9 +169,8 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
   EXPECT_EQ(records[0]->file + "|" + records[1]->file + "|" + records[2]->file, "x.h||");
   EXPECT_EQ(records[0]->tid, worker);
   EXPECT_NE(worker, threadId());
-  EXPECT_NE(printed.find("(" + std::to_string(getpid()) + "/" + std::to_string(worker) + "): "),
-            std::string::npos)
-      << printed;
+  EXPECT_THAT(printed, ::testing::HasSubstr("(" + std::to_string(getpid()) + "/" +
+                                            std::to_string(worker) + "): "));
 }
 
 TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
@@ -226,7 +226,7 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
   dova::shutdown();
   const std::string alone = screenOutput([] { korcommon::mtrace(16, "c.cpp", 1, "f", "x"); });
   ASSERT_TRUE(dova::init("trace_node"));
-  EXPECT_NE(alone.find(" F/(" + std::to_string(getpid()) + "/"), std::string::npos) << alone;
+  EXPECT_THAT(alone, ::testing::HasSubstr(" F/(" + std::to_string(getpid()) + "/"));
 }
 
 TEST_F(TraceLogger, ConcurrentCallsAndSetters) {

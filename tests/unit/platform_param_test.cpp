@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -23,6 +24,8 @@ namespace fs = std::filesystem;
 
 using korcommon::testing::readFile;
 using korcommon::testing::writeFile;
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 
 // Each case starts from an empty directory on the private /opt.
 const std::string kDirectory = "/opt/param_test/";
@@ -92,13 +95,9 @@ TEST_F(ParamTest, MalformedOrWrongShapedFilesThrowNamingThePath) {
   for (const std::string content :
        {"[1, 2, 3]\n", "just a scalar\n", "key: [unclosed\n", "a: 1\na: {\n"}) {
     writeFile(kDirectory + "bad.yaml", content);
-    try {
-      dova::Param param(kDirectory + "bad.yaml");
-      ADD_FAILURE() << "accepted: " << content;
-    } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(kDirectory + "bad.yaml"), std::string::npos)
-          << error.what();
-    }
+    EXPECT_THAT([] { dova::Param param(kDirectory + "bad.yaml"); },
+                ThrowsMessage<std::runtime_error>(HasSubstr(kDirectory + "bad.yaml")))
+        << content;
   }
 
   writeFile(kDirectory + "shapes.yaml", "sn: [1, 2]\nlist: notalist\nwords: [a, b]\nempty:\n");
@@ -128,12 +127,9 @@ TEST_F(ParamTest, FailedWriteChangesNothing) {
     if (read_only) {
       ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     }
-    try {
-      param.set("sn", std::string(16 * 1024, 'x'));
-      ADD_FAILURE() << "a write to a " << (read_only ? "read-only" : "full") << " file system";
-    } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(locked + "/sn.yaml"), std::string::npos);
-    }
+    EXPECT_THAT([&] { param.set("sn", std::string(16 * 1024, 'x')); },
+                ThrowsMessage<std::runtime_error>(HasSubstr(locked + "/sn.yaml")))
+        << "a write to a " << (read_only ? "read-only" : "full") << " file system";
     if (read_only) {
       ASSERT_EQ(mount(nullptr, locked.c_str(), nullptr, MS_REMOUNT, nullptr), 0);
     }
