@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,7 +47,8 @@ class DdsTransport : public ::testing::Test {
     ASSERT_TRUE(dova::init("dds_test", dova::Options{"dds", mode, true, -1}));
     subscriber_.setTopic(dova::msgs::kDiagnosticsTopic);
     subscriber_.callback_kind = 0;
-    subscriber_.callback_ref = [inbox = inbox_](const DiagnosticValue& value) {
+    subscriber_.callback_ref = [inbox = inbox_, then = then_](const DiagnosticValue& value) {
+      if (then) then();
       inbox->add({value.caller_id, value.name, value.code});
     };
     ASSERT_TRUE(dova::nh()->subscribe(subscriber_, latched, true, -1));
@@ -56,6 +58,7 @@ class DdsTransport : public ::testing::Test {
   }
 
   std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
+  std::function<void()> then_;  // run by the subscriber before each report goes in the inbox
 
  private:
   dova::Subscriber<DiagnosticValue> subscriber_;  // outlives the shutdown in TearDown
@@ -131,6 +134,15 @@ TEST_F(DdsTransport, AModeZeroCallbackThatPublishesLosesNothing) {
   };
   EXPECT_TRUE(inbox_->waitUntil([&](const auto& all) { return echoes(all) == kReports; }))
       << echoes(inbox_->items()) << " echoes; " << echo->errors();
+}
+
+TEST_F(DdsTransport, AModeZeroCallbackMayShutTheNodeDown) {
+  then_ = [] { dova::shutdown(); };  // on the thread that received the report
+  join(0, false);
+  auto publisher = probe({"publish", "pub0", "1000000", "1", "1"});
+  ASSERT_TRUE(inbox_->waitFor(1)) << publisher->errors();
+  EXPECT_FALSE(inbox_->waitFor(2, 1s)) << "no delivery after the shutdown";
+  EXPECT_FALSE(dova::nh()->ok());
 }
 
 }  // namespace
