@@ -25,18 +25,14 @@ using dova::json::Object;
 using dova::json::UnknownElement;
 
 // The reports made since the last check, each as "function: text".
-std::string& reports() {
-  static std::string collected;
-  return collected;
-}
+std::string reports;
 
 // Checks the reports made since the last call: none when `function` is empty, otherwise exactly
 // one at ERROR under `function` with the reader's message.
 void checkReports(const std::string& function, const std::string& error) {
   const std::string expected = function.empty() ? "" : function + ": " + error;
-  FUZZ_CHECK(reports() == expected,
-             "reported \"" + reports() + "\", expected \"" + expected + "\"");
-  reports().clear();
+  FUZZ_CHECK(reports == expected, "reported \"" + reports + "\", expected \"" + expected + "\"");
+  reports.clear();
 }
 
 template <typename KindT>
@@ -64,7 +60,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // Collected for the checks instead of being printed on standard error.
   dova::setTraceSink([](int level, const char*, int, const char* function,
                         const std::string& text) {
-    reports() += (level == dova::ERROR ? "" : "(not ERROR) ") + std::string(function) + ": " + text;
+    reports += (level == dova::ERROR ? "" : "(not ERROR) ") + std::string(function) + ": " + text;
   });
   return 0;
 }
@@ -74,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Object object;
   const std::string error = korcommon::fuzz::readJson(text, object);
   const bool read = error.empty() && !text.empty();
-  reports().clear();
+  reports.clear();
   const auto member = [&](const char* name) {
     const auto found = object.Find(name);
     return found == object.end() ? nullptr : &found->element;
