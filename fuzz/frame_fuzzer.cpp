@@ -147,12 +147,6 @@ void checkJsonRoundTrip(const MessageT& message) {
   FUZZ_CHECK(encode(parsed) == encode(expected), "parse() of echo() gave another message");
 }
 
-// The node name a frame's prefix carries: up to the first NUL, all 32 bytes without one.
-std::string prefixName(const uint8_t* frame) {
-  const char* prefix = reinterpret_cast<const char*>(frame);
-  return std::string(prefix, strnlen(prefix, dova::msgs::kFramePrefixSize));
-}
-
 template <typename MessageT>
 void checkMessage(const uint8_t* data, size_t size) {
   const std::optional<size_t> walked = dova::msgs::walkMessage<MessageT>(data, size);
@@ -182,8 +176,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   checkMessage<dova::std_msgs::Header>(data, size);
   checkMessage<dova::diagnostic_msgs::DiagnosticValue>(data, size);
   checkMessage<dova::dova_msgs::Log>(data, size);
-  const std::string caller = dova::getCallerId(const_cast<uint8_t*>(data), static_cast<int>(size));
-  FUZZ_CHECK(caller == (size < dova::msgs::kFramePrefixSize ? std::string() : prefixName(data)),
+  // The node name a frame's prefix carries: up to the first NUL, all 32 bytes without one.
+  const size_t named =
+      size < dova::msgs::kFramePrefixSize
+          ? 0
+          : strnlen(reinterpret_cast<const char*>(data), dova::msgs::kFramePrefixSize);
+  FUZZ_CHECK(dova::getCallerId(const_cast<uint8_t*>(data), static_cast<int>(size)) ==
+                 std::string(reinterpret_cast<const char*>(data), named),
              "getCallerId");
   return 0;
 }

@@ -61,17 +61,13 @@ void checkDocument(const std::string& text) {
              "indented text reads back to another document");
 }
 
-bool isNumberCharacter(char character) {
-  return (character >= '0' && character <= '9') || std::strchr(".eE-+", character) != nullptr ||
-         character == '\0';
-}
-
 bool sameBits(double left, double right) { return std::memcmp(&left, &right, sizeof left) == 0; }
 
 void checkNumberToken(const std::string& text) {
   if (text.empty() || !(text[0] == '-' || (text[0] >= '0' && text[0] <= '9'))) return;
   size_t length = 0;
-  while (length < text.size() && isNumberCharacter(text[length])) ++length;
+  // strchr() finds the NUL too, which the number scan takes as well.
+  while (length < text.size() && std::strchr("0123456789.eE-+", text[length]) != nullptr) ++length;
   const std::string token = text.substr(0, length);
   std::istringstream extraction(token);
   double expected = 0.0;

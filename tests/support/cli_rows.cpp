@@ -46,15 +46,10 @@ std::vector<CliRow> rowsOf(const std::string& file, const std::string& group,
       const auto found = row.Find(name);
       return found == row.end() ? std::string() : text(found->element);
     };
-    CliRow& added = rows.emplace_back();
-    added = {member("why"),
-             {},
-             static_cast<int>(dova::json::Number(row["status"]).Value()),
-             member("out"),
-             member("err"),
-             member("input")};
+    const int status = static_cast<int>(dova::json::Number(row["status"]).Value());
+    rows.push_back({member("why"), {}, status, member("out"), member("err"), member("input")});
     for (const auto& argument : static_cast<const dova::json::Array&>(row["args"])) {
-      added.args.push_back(text(argument));
+      rows.back().args.push_back(text(argument));
     }
   }
   EXPECT_FALSE(rows.empty()) << file << ": no rows in " << group;
