@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -26,14 +27,10 @@ std::vector<uint8_t> fromHex(const std::string& hex) {
   return bytes;
 }
 
-std::string toHex(const uint8_t* data, size_t size) {
-  std::string hex;
-  char digits[3];
-  for (size_t at = 0; at < size; ++at) {
-    std::snprintf(digits, sizeof digits, "%02x", data[at]);
-    hex += digits;
-  }
-  return hex;
+std::string toHex(const std::vector<uint8_t>& bytes) {
+  std::ostringstream hex;
+  for (const uint8_t byte : bytes) hex << std::hex << std::setw(2) << std::setfill('0') << +byte;
+  return hex.str();
 }
 
 // Whether the frame check accepts `message` behind a transport prefix of `prefix` bytes.
@@ -54,8 +51,7 @@ std::string decodeAndEncode(MessageT& message, const std::vector<uint8_t>& bytes
   const int consumed = message.deserialize(exact.data(), static_cast<int>(exact.size()));
   std::vector<uint8_t> out(1 + static_cast<size_t>(message.serializedLength()) + 8, 0xAB);
   const int written = message.serialize(out.data() + 1, message.serializedLength());
-  return std::to_string(consumed) + " " + std::to_string(written) + " " +
-         toHex(out.data(), out.size());
+  return std::to_string(consumed) + " " + std::to_string(written) + " " + toHex(out);
 }
 
 template <typename MessageT>
