@@ -56,8 +56,10 @@ class Reader {
     // store none; their texts are fixed, a keyword's told by its length.
     uint32_t text_offset = 0;
     uint32_t text_length = 0;
-    Location begin;  // before the token's first character
-    Location end;    // after its last character
+    // Characters before the token's first character and after its last; the lines and
+    // columns are worked out from them only for an error.
+    uint32_t begin_offset = 0;
+    uint32_t end_offset = 0;
   };
 
   class ScanException : public Exception {
@@ -107,10 +109,7 @@ class Reader {
 
   void MatchExpectedToken(Token::Type type, TokenStream& tokens);
   // The throws stay out of line, so the scanning and parsing loops stay small.
-  [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedToken(const Token& token,
-                                                                          std::string_view text) {
-    throw ParseException("Unexpected token: " + std::string(text), token.begin, token.end);
-  }
+  [[noreturn]] static void throwUnexpectedToken(const Token& token, const TokenStream& tokens);
   [[noreturn, gnu::noinline, gnu::cold]] static void throwUnexpectedCharacter(
       char character, const Location& where) {
     throw ScanException("Unexpected character in stream: " + std::string(1, character), where);
@@ -118,7 +117,7 @@ class Reader {
   void Parse(UnknownElement& element, TokenStream& tokens);
   void Parse(Object& object, TokenStream& tokens);
   void Parse(Array& array, TokenStream& tokens);
-  double parseNumber(const Token& token, std::string_view text);
+  double parseNumber(const Token& token, const TokenStream& tokens);
   bool numbersReadAsInCLocale();
   void enterContainer(const Token& opening, const TokenStream& tokens);
 

@@ -2,10 +2,12 @@
 #ifndef DOVA_JSON_DETAIL_INPUT_STREAM_H_
 #define DOVA_JSON_DETAIL_INPUT_STREAM_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <streambuf>
+#include <vector>
 
 namespace dova::json::detail {
 
@@ -62,6 +64,7 @@ class InputStream {
     if (character == '\n') {
       ++line_;
       line_start_ = offset();
+      line_starts_.push_back(line_start_);
     }
     return character;
   }
@@ -84,6 +87,16 @@ class InputStream {
   // Kept as a pointer difference: counting in the scanning loops would cost more than the
   // scanning itself.
   uint32_t offset() const { return released_offset_ + static_cast<uint32_t>(next_ - released_); }
+
+  // The line and the column of an offset already consumed.
+  uint32_t lineAt(uint32_t at) const {
+    return static_cast<uint32_t>(std::upper_bound(line_starts_.begin(), line_starts_.end(), at) -
+                                 line_starts_.begin());
+  }
+  uint32_t columnAt(uint32_t at) const {
+    const uint32_t line = lineAt(at);
+    return at - (line == 0 ? 0 : line_starts_[line - 1]);
+  }
 
  private:
   // Makes the buffer's position ours, then has it fetch more input. False at the end.
@@ -130,7 +143,8 @@ class InputStream {
   uint32_t released_offset_ = 0;  // offset() at released_
   uint32_t refills_ = 0;
   uint32_t line_ = 0;
-  uint32_t line_start_ = 0;  // offset() after the last line feed
+  uint32_t line_start_ = 0;            // offset() after the last line feed
+  std::vector<uint32_t> line_starts_;  // offset() after each line feed
 };
 
 }  // namespace dova::json::detail

@@ -61,9 +61,14 @@ constexpr std::streamsize kMaxReservedText = 1 << 20;
 // The scanned tokens and their texts, and a cursor into the tokens.
 class Reader::TokenStream {
  public:
-  // The tokens must not change while the stream is used.
-  TokenStream(const Tokens& tokens, const TokenTexts& texts)
-      : tokens_(tokens), next_(tokens.data()), end_(tokens.data() + tokens.size()), texts_(texts) {}
+  // The tokens must not change while the stream is used; `input` is what they were scanned
+  // from.
+  TokenStream(const Tokens& tokens, const TokenTexts& texts, const InputStream& input)
+      : tokens_(tokens),
+        next_(tokens.data()),
+        end_(tokens.data() + tokens.size()),
+        texts_(texts),
+        input_(input) {}
 
   bool atEnd() const { return next_ == end_; }
 
@@ -76,6 +81,9 @@ class Reader::TokenStream {
 
   // REQUIRES: !atEnd().
   void Get() { ++next_; }
+
+  Location beginOf(const Token& token) const { return locationAt(token.begin_offset); }
+  Location endOf(const Token& token) const { return locationAt(token.end_offset); }
 
   // The text of one of the tokens, valid as long as they are.
   std::string_view text(const Token& token) const {
@@ -96,13 +104,22 @@ class Reader::TokenStream {
   // Apart from Peek, which then stays small enough to be inlined in the parsing loops.
   [[noreturn, gnu::noinline, gnu::cold]] void throwUnexpectedEnd() const {
     const Token last = tokens_.empty() ? Token() : tokens_.back();
-    throw ParseException("Unexpected end of token stream", last.begin, last.end);
+    throw ParseException("Unexpected end of token stream", beginOf(last), endOf(last));
+  }
+
+  Location locationAt(uint32_t offset) const {
+    Location location;
+    location.line = input_.lineAt(offset);
+    location.column = input_.columnAt(offset);
+    location.offset = offset;
+    return location;
   }
 
   const Tokens& tokens_;
   const Token* next_;
   const Token* const end_;
   const TokenTexts& texts_;
+  const InputStream& input_;
 };
 
 inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, stream); }
@@ -115,13 +132,13 @@ void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
   Scan(tokens, texts, input);
 
   Reader reader;
-  TokenStream token_stream(tokens, texts);
+  TokenStream token_stream(tokens, texts, input);
   reader.Parse(element, token_stream);
   if (!token_stream.atEnd()) {
     const Token& token = token_stream.Peek();
     throw ParseException(
-        "Expected End of token stream; found " + std::string(token_stream.text(token)), token.begin,
-        token.end);
+        "Expected End of token stream; found " + std::string(token_stream.text(token)),
+        token_stream.beginOf(token), token_stream.endOf(token));
   }
 }
 
@@ -160,18 +177,18 @@ inline void Reader::Scan(Tokens& tokens, TokenTexts& texts, InputStream& input) 
     // Built here and appended whole: the input's fields, read all along, then stay in
     // registers, which stores into the vector would force to be read again.
     Token token;
-    const Location begin = locationOf(input);
-    token.begin = begin;
+    const uint32_t begin = input.offset();
+    token.begin_offset = begin;
     // The token's type is looked up by its first character. Punctuation, most of the tokens
     // and the first six types, is told apart by one well predicted branch; the rest dispatch
     // through a jump table.
     const int8_t started = detail::kStartedTokens[static_cast<size_t>(code)];
-    if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), begin);
+    if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), locationOf(input));
     token.type = static_cast<Token::Type>(started);
     if (started <= Token::Colon) {
       input.skipInLine(1);
-      // One character on the same line: cheaper than asking the input again.
-      token.end = Location{begin.line, begin.column + 1, begin.offset + 1};
+      // One character on the same line.
+      token.end_offset = begin + 1;
       tokens.push_back(token);
       continue;
     }
@@ -192,7 +209,7 @@ inline void Reader::Scan(Tokens& tokens, TokenTexts& texts, InputStream& input) 
       default:  // punctuation, taken above
         break;
     }
-    token.end = locationOf(input);
+    token.end_offset = input.offset();
     tokens.push_back(token);
   }
 }
@@ -368,17 +385,23 @@ inline void Reader::appendUnicodeEscape(InputStream& input, std::string& text,
   }
 }
 
+[[noreturn, gnu::noinline, gnu::cold]] inline void Reader::throwUnexpectedToken(
+    const Token& token, const TokenStream& tokens) {
+  throw ParseException("Unexpected token: " + std::string(tokens.text(token)),
+                       tokens.beginOf(token), tokens.endOf(token));
+}
+
 inline void Reader::MatchExpectedToken(Token::Type type, TokenStream& tokens) {
   const Token& token = tokens.Peek();
   tokens.Get();
-  if (token.type != type) throwUnexpectedToken(token, tokens.text(token));
+  if (token.type != type) throwUnexpectedToken(token, tokens);
 }
 
 inline void Reader::enterContainer(const Token& opening, const TokenStream& tokens) {
   if (++nesting_depth_ > kMaxNestingDepth) {
     throw ParseException("Nesting deeper than " + std::to_string(kMaxNestingDepth) +
                              " levels at token: " + std::string(tokens.text(opening)),
-                         opening.begin, opening.end);
+                         tokens.beginOf(opening), tokens.endOf(opening));
   }
 }
 
@@ -398,7 +421,7 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
       break;
     case Token::NumberToken: {
       tokens.Get();
-      const double number = parseNumber(token, tokens.text(token));
+      const double number = parseNumber(token, tokens);
       element.release();
       element.hold<Number>(number);
       break;
@@ -413,7 +436,7 @@ inline void Reader::Parse(UnknownElement& element, TokenStream& tokens) {
       element.release();
       break;
     default:
-      throwUnexpectedToken(token, tokens.text(token));
+      throwUnexpectedToken(token, tokens);
   }
 }
 
@@ -438,8 +461,8 @@ inline void Reader::Parse(Object& object, TokenStream& tokens) {
         Parse(member->element, tokens);
         // A repeated name is an error, never resolved in favour of either value.
         if (taken) {
-          throw ParseException("Duplicate object member token: " + member->name, name_token.begin,
-                               name_token.end);
+          throw ParseException("Duplicate object member token: " + member->name,
+                               tokens.beginOf(name_token), tokens.endOf(name_token));
         }
       } catch (...) {
         object.members_.erase(member);
@@ -473,7 +496,8 @@ inline void Reader::Parse(Array& array, TokenStream& tokens) {
 // What extracting a double with a string stream gives, where only reaching the end of the text
 // counts as success. Deliberately, texts the extraction rejects but reads to the end ("-",
 // "1e", "1e+") are 0.0, and an overflowing one is the largest double.
-inline double Reader::parseNumber(const Token& token, std::string_view text) {
+inline double Reader::parseNumber(const Token& token, const TokenStream& tokens) {
+  const std::string_view text = tokens.text(token);
   const char* const text_end = text.data() + text.size();
   // readDecimal rounds correctly, as the stream does; whatever it does not accept whole takes
   // the stream path below.
@@ -484,7 +508,7 @@ inline double Reader::parseNumber(const Token& token, std::string_view text) {
   if (!stream.eof()) {
     const char next = std::istringstream::traits_type::to_char_type(stream.peek());
     throw ParseException("Unexpected character in NUMBER token: " + std::string(1, next),
-                         token.begin, token.end);
+                         tokens.beginOf(token), tokens.endOf(token));
   }
   return value;
 }
