@@ -4,13 +4,15 @@
 // number file, and a fuzzer must not depend on or touch the machine's important data. Each is
 // checked against what the JSON reader itself makes of the input:
 //  - text the reader refuses gives the neutral result (false, "", the partial object, -1) and
-//    exactly one ERROR report, under the function's own name, whose text is the reader's message
-//    byte for byte, so a '%' in received text never acts as a printf conversion;
+//    exactly one ERROR report from the envelope's source file, under the function's own name,
+//    whose text is the reader's message byte for byte, so a '%' in received text never acts as
+//    a printf conversion;
 //  - text the reader accepts gives the members' presence and values, without any report;
 //  - the empty text gives each function's documented answer;
 //  - the object overloads and the typed getters agree with the object read.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "dova/json/reader.h"
@@ -26,14 +28,6 @@ using dova::json::UnknownElement;
 
 // The reports made since the last check, each as "function: text".
 std::string reports;
-
-// Checks the reports made since the last call: none when `function` is empty, otherwise exactly
-// one at ERROR under `function` with the reader's message.
-void checkReports(const std::string& function, const std::string& error) {
-  const std::string expected = function.empty() ? "" : function + ": " + error;
-  FUZZ_CHECK(reports == expected, "reported \"" + reports + "\", expected \"" + expected + "\"");
-  reports.clear();
-}
 
 template <typename KindT>
 const KindT* as(const UnknownElement* element) {
@@ -58,75 +52,78 @@ void checkGetter(const UnknownElement& element, Getter getter) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // Collected for the checks instead of being printed on standard error.
-  dova::setTraceSink([](int level, const char*, int, const char* function,
-                        const std::string& text) {
-    reports += (level == dova::ERROR ? "" : "(not ERROR) ") + std::string(function) + ": " + text;
-  });
+  dova::setTraceSink(
+      [](int level, const char* file, int, const char* function, const std::string& text) {
+        reports += (level == dova::ERROR ? "" : "(not ERROR) ") +
+                   std::string(file && std::strstr(file, "utils") ? "" : "(elsewhere) ") +
+                   function + ": " + text;
+      });
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace korcommon;
   const std::string text(reinterpret_cast<const char*>(data), size);
   Object object;
   const std::string error = korcommon::fuzz::readJson(text, object);
   const bool read = error.empty() && !text.empty();
   reports.clear();
+  // The reports since the last check: the reader's error once under `function` when `function`
+  // read a text the reader refuses, otherwise none.
+  const auto checkReports = [&](const std::string& function, bool reads) {
+    const std::string expected = read || !reads ? "" : function + ": " + error;
+    FUZZ_CHECK(reports == expected, "reported \"" + reports + "\", expected \"" + expected + "\"");
+    reports.clear();
+  };
   const auto member = [&](const char* name) {
     const auto found = object.Find(name);
     return found == object.end() ? nullptr : &found->element;
   };
 
-  // The member tests; only hasSigAccid, hasSigTitle and hasSigGuid read an empty text.
+  // Each member's tests and text extractor. Deliberately, only the tests of the members with an
+  // extractor read an empty text, and the extractors read none.
   const struct {
-    const char* function;
     const char* name;
+    std::string member;
     bool (*text_test)(const std::string&);
     bool (*object_test)(const Object&);
-    bool reads_empty;
-  } tests[] = {{"hasSigAccid", "accid", korcommon::hasSigAccid, korcommon::hasSigAccid, true},
-               {"hasSigTitle", "title", korcommon::hasSigTitle, korcommon::hasSigTitle, true},
-               {"hasSigGuid", "guid", korcommon::hasSigGuid, korcommon::hasSigGuid, true},
-               {"hasSigTimestamp", "timestamp", korcommon::hasSigTimestamp,
-                korcommon::hasSigTimestamp, false},
-               {"hasSigData", "data", korcommon::hasSigData, korcommon::hasSigData, false}};
+    std::string (*parse)(const std::string&);
+  } members[] = {{"accid", "Accid", hasSigAccid, hasSigAccid, parseSigAccid},
+                 {"title", "Title", hasSigTitle, hasSigTitle, parseSigTitle},
+                 {"guid", "Guid", hasSigGuid, hasSigGuid, parseSigGuid},
+                 {"timestamp", "Timestamp", hasSigTimestamp, hasSigTimestamp, nullptr},
+                 {"data", "Data", hasSigData, hasSigData, nullptr}};
   bool all = true;
   bool all_but_accid = read;
-  for (const auto& test : tests) {
-    FUZZ_CHECK(test.text_test(text) == (read && member(test.name)), test.function);
-    checkReports(read || (text.empty() && !test.reads_empty) ? "" : test.function, error);
-    FUZZ_CHECK(test.object_test(object) == (member(test.name) != nullptr), test.function);
-    all = all && member(test.name) != nullptr;
-    if (test.name != std::string("accid")) all_but_accid = all_but_accid && member(test.name);
+  for (const auto& test : members) {
+    const auto* found = member(test.name);
+    FUZZ_CHECK(test.text_test(text) == (read && found), "hasSig" + test.member);
+    checkReports("hasSig" + test.member, !text.empty() || test.parse);
+    FUZZ_CHECK(test.object_test(object) == (found != nullptr), "hasSig" + test.member);
+    all = all && found != nullptr;
+    if (test.member != "Accid") all_but_accid = all_but_accid && found;
+    if (test.parse == nullptr) continue;
+    const auto* value = as<dova::json::String>(read ? found : nullptr);
+    FUZZ_CHECK(test.parse(text) == (value ? value->Value() : ""), "parseSig" + test.member);
+    checkReports("parseSig" + test.member, !text.empty());
   }
-  FUZZ_CHECK(korcommon::isSigValid(object) == all, "isSigValid of the object");
-  FUZZ_CHECK(korcommon::isSigValid(text) == all_but_accid, "isSigValid of the text");
-  checkReports(read ? "" : "hasSigTitle", error);
+  FUZZ_CHECK(isSigValid(object) == all, "isSigValid of the object");
+  FUZZ_CHECK(isSigValid(text) == all_but_accid, "isSigValid of the text");
+  checkReports("hasSigTitle", true);
 
   // On an error the caller deliberately gets the members read before it.
-  FUZZ_CHECK(korcommon::parseSigToJson(text) == object, "parseSigToJson");
-  checkReports(read || text.empty() ? "" : "parseSigToJson", error);
-  const struct {
-    const char* function;
-    const char* name;
-    std::string (*parse)(const std::string&);
-  } parsers[] = {{"parseSigAccid", "accid", korcommon::parseSigAccid},
-                 {"parseSigTitle", "title", korcommon::parseSigTitle},
-                 {"parseSigGuid", "guid", korcommon::parseSigGuid}};
-  for (const auto& parser : parsers) {
-    const auto* value = as<dova::json::String>(read ? member(parser.name) : nullptr);
-    FUZZ_CHECK(parser.parse(text) == (value ? value->Value() : ""), parser.function);
-    checkReports(read || text.empty() ? "" : parser.function, error);
-  }
+  FUZZ_CHECK(parseSigToJson(text) == object, "parseSigToJson");
+  checkReports("parseSigToJson", !text.empty());
   const auto* timestamp = as<dova::json::Number>(member("timestamp"));
   const long expected = !read ? -1 : timestamp ? dova::msgs::truncateToInt64(*timestamp) : 0;
-  FUZZ_CHECK(korcommon::parseSigTimestamp(text) == expected, "parseSigTimestamp");
-  checkReports(read || text.empty() ? "" : "parseSigTimestamp", error);
+  FUZZ_CHECK(parseSigTimestamp(text) == expected, "parseSigTimestamp");
+  checkReports("parseSigTimestamp", !text.empty());
 
   for (const Object::Member& entry : object) {
-    checkGetter<dova::json::Number>(entry.element, korcommon::getSigNumber);
-    checkGetter<dova::json::Boolean>(entry.element, korcommon::getSigBool);
-    checkGetter<dova::json::String>(entry.element, korcommon::getSigString);
+    checkGetter<dova::json::Number>(entry.element, getSigNumber);
+    checkGetter<dova::json::Boolean>(entry.element, getSigBool);
+    checkGetter<dova::json::String>(entry.element, getSigString);
   }
-  checkReports("", "");
+  checkReports("", false);
   return 0;
 }
