@@ -5,11 +5,13 @@
 //    writer's quoting (fuzz_support.h); otherwise it may change once, or fail to read back as a
 //    lone surrogate or a duplicate name, and must be stable after that one change. Its indented
 //    text reads back to it as well.
-//  - The input's leading number-like run, read as a member value, gives exactly what extracting a
+//  - Each number-like run of the input, read as a member value, gives exactly what extracting a
 //    double with a string stream gives, and fails exactly when the extraction does not reach the
-//    end (the reader's fast paths must agree).
-//  - The first eight bytes taken as a finite double are written as printf's %.20g writes them,
-//    and that text reads back to the same bits.
+//    end, naming the character the extraction stopped at (the reader's fast paths must agree).
+//    The corpus holds sweeps of such runs: printed doubles of every magnitude and ties.
+//  - The value of each run read, and the first eight bytes taken as a double, are written as
+//    printf's %.20g writes them, and a finite value's text reads back to the same bits.
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -63,27 +65,7 @@ void checkDocument(const std::string& text) {
 
 bool sameBits(double left, double right) { return std::memcmp(&left, &right, sizeof left) == 0; }
 
-void checkNumberToken(const std::string& text) {
-  if (text.empty() || !(text[0] == '-' || (text[0] >= '0' && text[0] <= '9'))) return;
-  size_t length = 0;
-  // strchr() finds the NUL too, which the number scan takes as well.
-  while (length < text.size() && std::strchr("0123456789.eE-+", text[length]) != nullptr) ++length;
-  const std::string token = text.substr(0, length);
-  std::istringstream extraction(token);
-  double expected = 0.0;
-  extraction >> expected;
-  Object document;
-  const std::string error = readJson("{\"n\":" + token + "}", document);
-  FUZZ_CHECK(error.empty() == extraction.eof(), "number token " + token + ": " + error);
-  FUZZ_CHECK(!error.empty() || sameBits(document["n"].ConvertTo<dova::json::Number>(), expected),
-             "number token " + token + " read as another value");
-}
-
-void checkNumberText(const uint8_t* data, size_t size) {
-  double value;
-  if (size < sizeof value) return;
-  std::memcpy(&value, data, sizeof value);
-  if (!std::isfinite(value)) return;  // the writer deliberately writes them as non-JSON text
+void checkNumberWritten(double value) {
   Object document;
   document["n"] = dova::json::Number(value);
   const std::string text = writeText(document);
@@ -91,9 +73,35 @@ void checkNumberText(const uint8_t* data, size_t size) {
   std::snprintf(expected, sizeof expected, "%.20g", value);
   FUZZ_CHECK(text == std::string("{\"n\":") + expected + "}", "number written as " + text);
   Object back;
-  FUZZ_CHECK(
-      readJson(text, back).empty() && sameBits(back["n"].ConvertTo<dova::json::Number>(), value),
-      "a written number reads back as another: " + text);
+  // The writer deliberately writes the non-finite values as non-JSON text.
+  FUZZ_CHECK(!std::isfinite(value) || (readJson(text, back).empty() &&
+                                       sameBits(back["n"].ConvertTo<dova::json::Number>(), value)),
+             "a written number reads back as another: " + text);
+}
+
+void checkNumberTokens(const std::string& text) {
+  // The number scan takes a NUL as well.
+  const std::string run_characters("0123456789.eE-+", 16);
+  size_t end = 0;
+  for (size_t begin; (begin = text.find_first_of("-0123456789", end)) != std::string::npos;) {
+    end = std::min(text.find_first_not_of(run_characters, begin), text.size());
+    const std::string token = text.substr(begin, end - begin);
+    std::istringstream extraction(token);
+    double expected = 0.0;
+    extraction >> expected;
+    const char stop = static_cast<char>(extraction.peek());
+    Object document;
+    const std::string error = readJson("{\"n\":" + token + "}", document);
+    // what() ends at a NUL.
+    FUZZ_CHECK(error == (extraction.eof() ? ""
+                                          : "Unexpected character in NUMBER token: " +
+                                                std::string(stop == 0 ? 0 : 1, stop)),
+               "number token " + token + ": " + error);
+    if (!error.empty()) continue;
+    FUZZ_CHECK(sameBits(document["n"].ConvertTo<dova::json::Number>(), expected),
+               "number token " + token + " read as another value");
+    checkNumberWritten(expected);
+  }
 }
 
 }  // namespace
@@ -101,7 +109,10 @@ void checkNumberText(const uint8_t* data, size_t size) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   checkDocument(text);
-  checkNumberToken(text);
-  checkNumberText(data, size);
+  checkNumberTokens(text);
+  double value;
+  if (size < sizeof value) return 0;
+  std::memcpy(&value, data, sizeof value);
+  checkNumberWritten(value);
   return 0;
 }

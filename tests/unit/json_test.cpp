@@ -9,10 +9,8 @@
 #include <filesystem>
 #include <iomanip>
 #include <iterator>
-#include <limits>
 #include <locale>
 #include <memory>
-#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -164,44 +162,6 @@ TEST(JsonReader, LeavesTheStreamJustAfterWhatItRead) {
   }
 }
 
-// A number token is judged by extracting a double from a string stream over it: the reader's
-// value, or its error and the character it names, must be the extraction's, whatever follows.
-TEST(JsonReader, NumbersMatchStreamExtractionBitForBit) {
-  std::vector<std::string> tokens;
-  for (const auto& row : korcommon::testing::tableRows("json/number_tokens.txt", 2)) {
-    tokens.push_back(row[0]);
-  }
-  std::mt19937_64 random(7);
-  char text[64];
-  for (int count = 0; count < 3000; ++count) {
-    const double spread = std::pow(10.0, std::uniform_real_distribution<>(-10.0, 40.0)(random));
-    for (const char* format : {"%.20g", "%.15g", "%.4f", "%.2e"}) {
-      std::snprintf(text, sizeof text, format, spread);
-      tokens.push_back(text);
-    }
-    // Just off the midpoint between two doubles, the hardest to round.
-    const long double next = std::nextafter(spread, 1e300);
-    std::snprintf(text, sizeof text, "%.19Le", (spread + next) / 2);
-    tokens.push_back(text);
-  }
-  for (const std::string& token : tokens) {
-    std::istringstream extraction(token);
-    double value = 0;
-    extraction >> value;
-    const char next = static_cast<char>(extraction.peek());
-    const std::string end = std::to_string(5 + token.size());
-    std::snprintf(text, sizeof text, "%.20g", value);
-    for (const std::string after : {"", R"(,"a":"b")"}) {
-      ASSERT_EQ(read("{\"n\":" + token + after + "}"),
-                extraction.eof()
-                    ? "{\"n\":" + std::string(text) + after + "}"
-                    : "parse | Unexpected character in NUMBER token: " +
-                          (next == 0 ? "" : std::string(1, next)) + " | 0,5,5 0," + end + "," + end)
-          << token;
-    }
-  }
-}
-
 TEST(JsonReader, ThreadsReadSeparateDocuments) {
   const std::string text = R"({"a":[1.5,"\u00e9",{"b":null}],"c":true})";
   std::vector<std::string> results(4);
@@ -290,26 +250,6 @@ TEST(JsonWriter, QuotesNamesAndValuesAlike) {
     object[row[0]] = String(row[0]);
     EXPECT_EQ(write(object), "{" + row[1] + ":" + row[1] + "}") << row[2];
     EXPECT_EQ(dova::Msg::matchString2(row[0]), row[1]) << row[2];
-  }
-}
-
-TEST(JsonWriter, NumbersAreTwentyDigitsAsPrintfWritesThem) {
-  using limits = std::numeric_limits<double>;
-  std::vector<double> values = {
-      -0.0,          limits::infinity(),  -limits::infinity(), std::nan(""), 18446744073709551616.0,
-      limits::max(), limits::denorm_min()};
-  // The magnitudes documents hold with their neighbours, and binary fractions, whose digits end
-  // in exact ties.
-  for (double value = 1e-15; value < 1e22; value *= 1.0123) {
-    values.insert(values.end(), {value, std::nextafter(value, 0.0), -std::nextafter(value, 1e300)});
-  }
-  for (int whole = 1; whole < 100000; whole += 997) {
-    for (int shift = 0; shift < 45; shift += 4) values.push_back(std::ldexp(whole, -shift));
-  }
-  for (const double value : values) {
-    char expected[64];
-    std::snprintf(expected, sizeof expected, "%.20g", value);
-    ASSERT_EQ(write(UnknownElement(Number(value))), expected);
   }
 }
 
