@@ -14,17 +14,16 @@
 #include "dds_domain.h"
 #include "private_opt.h"
 #include "read_file.h"
-#include "scoped_env.h"
 #include "scratch_directory.h"
 
 namespace {
 
-using korcommon::testing::ScopedEnv;
-
-// Runs before the page's commands. "make install PREFIX=P" stands for what it does once the
-// tree is built; with sanitizers, what the page compiles needs their runtime too.
+// Runs before the page's commands, at home in the scratch directory. "make install PREFIX=P" stands
+// for what it does once the tree is built; with sanitizers, what the page compiles needs their
+// runtime too.
 constexpr char kPreamble[] = R"(set -euxo pipefail
 build_dir=$0 sanitizers=$1
+export HOME=$2
 cd "$HOME"
 make() {
   [[ $# == 2 && $1 == install && $2 == PREFIX=* ]] || { echo "unexpected: make $*" >&2; return 1; }
@@ -40,7 +39,6 @@ TEST(Readme, EveryStepWorksAsWritten) {
   KORCOMMON_REQUIRE_PRIVATE_OPT();  // the page reads the serial number in /opt
   korcommon::testing::claimDdsDomain();
   const korcommon::testing::ScratchDirectory home("korcommon_readme");
-  const ScopedEnv home_variable("HOME", home.path().string());
 
   std::string script = kPreamble;
   std::istringstream page(korcommon::testing::readFile(KORCOMMON_README));
@@ -61,8 +59,8 @@ TEST(Readme, EveryStepWorksAsWritten) {
       ADD_FAILURE() << "a " << line << " block names no file:\n" << text;
     }
   }
-  korcommon::testing::ChildProcess run("/bin/bash",
-                                       {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS});
+  korcommon::testing::ChildProcess run(
+      "/bin/bash", {"-c", script, KORCOMMON_BUILD_DIR, KORCOMMON_SANITIZERS, home.path()});
   ASSERT_EQ(run.wait(std::chrono::minutes(4)), 0) << run.output() << run.errors();
   const std::string out = run.output();
 
