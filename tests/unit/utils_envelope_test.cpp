@@ -108,7 +108,7 @@ TEST_F(SignalEnvelopeCreate, SixteenOverloadsFillTheMembersInOrder) {
   EXPECT_TRUE(fractional) << "generated timestamps keep the sub-millisecond part";
 }
 
-TEST_F(SignalEnvelopeCreate, PayloadsAndTimestampsAreStoredAsGiven) {
+TEST_F(SignalEnvelopeCreate, StoresWhatItIsGivenAndTheAccidOfTheMoment) {
   const std::string head = R"({"accid":"RB-0001","title":"t","guid":"g","timestamp":)";
   EXPECT_EQ(createSigString("t", "g", 1L, R"({"x":1})"), head + R"(1,"data":"{\"x\":1}"})");
   EXPECT_EQ(createSigString("t", "g", 1L, Object()), head + R"(1,"data":{}})");
@@ -125,9 +125,8 @@ TEST_F(SignalEnvelopeCreate, PayloadsAndTimestampsAreStoredAsGiven) {
   const Object envelope = createSigJson("t", "g", 1L, payload);
   payload["inner"]["k"] = Number(2);
   EXPECT_EQ(write(envelope), head + R"(1,"data":{"accid":"forged","inner":{"k":1}}})");
-}
 
-TEST_F(SignalEnvelopeCreate, AccidIsReadFromTheSerialNumberFileOnEveryCall) {
+  // The accid is read from the serial number file on every call.
   testing::TraceCapture trace;
   dova::Param(kSerialNumberFile).set("sn", "RB-0002");
   EXPECT_EQ(parseSigAccid(createSigString("t", "d")), "RB-0002");
