@@ -79,7 +79,9 @@ const ThreadIds& currentIds() {
     return true;
   }();
   (void)registered;
-  thread_local ThreadIds ids;
+  // Initial-exec: a load relative to the thread pointer rather than a call
+  // into the dynamic linker on every passing trace.
+  [[gnu::tls_model("initial-exec")]] thread_local ThreadIds ids;
   const unsigned generation = fork_generation.load(std::memory_order_relaxed);
   if (ids.generation != generation) {
     ids.pid = getpid();
@@ -98,7 +100,8 @@ const char* fileName(const char* file) {
   return slash == nullptr ? file : slash + 1;
 }
 
-void publish(int level, const char* file, int line, const char* function, const char* text) {
+void publish(dova::NodeHandleBase& handle, int level, const char* file, int line,
+             const char* function, const char* text) {
   // A recycled record holds an earlier message: every field is set here.
   const std::shared_ptr<dova::dova_msgs::Log> record = detail::takeLogRecord();
   record->header.seq = 0;
@@ -118,7 +121,7 @@ void publish(int level, const char* file, int line, const char* function, const 
   const ThreadIds& ids = currentIds();
   record->pid = static_cast<uint64_t>(ids.pid);
   record->tid = static_cast<uint64_t>(ids.tid);
-  dova::nh()->log(record);
+  handle.log(record);
 }
 
 bool screenEnabled() {
@@ -163,7 +166,8 @@ void printScreenLine(int level, const char* file, int line, const char* text) {
   // formatTrace writes the same bytes for a fraction of it.
   detail::formatTrace(buffer, static_cast<size_t>(size), format, arguments);
 
-  if (dova::nh()->ok()) publish(level, file, line, function, buffer);
+  dova::NodeHandleBase* const handle = dova::nh();
+  if (handle->ok()) publish(*handle, level, file, line, function, buffer);
   if (screenEnabled()) printScreenLine(level, file, line, buffer);
 }
 

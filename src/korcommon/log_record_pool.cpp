@@ -101,7 +101,9 @@ struct KeepRecord {
 // Set when the calling thread's slots are gone. A thread may still trace
 // then: from the destructor of another thread_local, or on the main thread
 // from a static destructor. Trivially destructible, so always readable.
-thread_local bool thread_records_gone = false;
+// Initial-exec, as every thread-local of a passing trace: a load relative to
+// the thread pointer rather than a call into the dynamic linker.
+[[gnu::tls_model("initial-exec")]] thread_local bool thread_records_gone = false;
 
 // The calling thread's slots, made as they are first needed.
 class ThreadRecords {
@@ -140,7 +142,7 @@ class ThreadRecords {
 
 std::shared_ptr<Log> takeLogRecord() {
   if (!thread_records_gone) {
-    thread_local ThreadRecords records;
+    [[gnu::tls_model("initial-exec")]] thread_local ThreadRecords records;
     if (std::shared_ptr<Log> record = records.take()) return record;
   }
   return std::make_shared<Log>();
