@@ -6,9 +6,9 @@
 #ifndef KORCOMMON_FUZZ_FUZZ_SUPPORT_H_
 #define KORCOMMON_FUZZ_FUZZ_SUPPORT_H_
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -39,32 +39,14 @@ inline std::string readJson(const std::string& text, dova::json::Object& object)
 // the JSON reader reads the quoted text again.
 // The writer turns every two- and three-byte UTF-8 sequence into a \u escape and deliberately
 // accepts overlong forms and surrogate code points; the reader decodes an escape to the
-// shortest UTF-8 form and pairs surrogates. So a text survives exactly when each sequence the
-// writer converts is already the shortest form of a code point that is not a surrogate. Every
-// other byte (raw controls, four-byte sequences, stray continuation bytes) passes through both
-// unchanged.
+// shortest UTF-8 form and pairs surrogates. So a text survives exactly when it holds no overlong
+// two- or three-byte form and no encoded surrogate. A lead byte never continues a sequence, so
+// such a form is found wherever it starts. Every other byte (raw controls, four-byte sequences,
+// stray continuation bytes) passes through both unchanged.
 inline bool survivesJsonEscaping(const std::string& text) {
-  const auto byteAt = [&text](size_t index) { return static_cast<unsigned char>(text[index]); };
-  const auto isContinuation = [&byteAt](size_t index) { return (byteAt(index) & 0xC0) == 0x80; };
-  size_t next = 0;
-  while (next < text.size()) {
-    const unsigned lead = byteAt(next);
-    const size_t left = text.size() - next;
-    if ((lead & 0xE0) == 0xC0 && left >= 2 && isContinuation(next + 1)) {
-      const unsigned code = ((lead & 0x1Fu) << 6) | (byteAt(next + 1) & 0x3Fu);
-      if (code < 0x80) return false;
-      next += 2;
-    } else if ((lead & 0xF0) == 0xE0 && left >= 3 && isContinuation(next + 1) &&
-               isContinuation(next + 2)) {
-      const unsigned code =
-          ((lead & 0x0Fu) << 12) | ((byteAt(next + 1) & 0x3Fu) << 6) | (byteAt(next + 2) & 0x3Fu);
-      if (code < 0x800 || (code & 0xF800) == 0xD800) return false;
-      next += 3;
-    } else {
-      ++next;
-    }
-  }
-  return true;
+  static const std::regex kReencoded(
+      "[\xC0\xC1][\x80-\xBF]|\xE0[\x80-\x9F][\x80-\xBF]|\xED[\xA0-\xBF][\x80-\xBF]");
+  return !std::regex_search(text, kReencoded);
 }
 
 }  // namespace korcommon::fuzz
