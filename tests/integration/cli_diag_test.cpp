@@ -100,14 +100,13 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
   // Without --duration the monitor runs until Ctrl-C; publishers end on SIGINT and SIGTERM.
   auto live = start({"diag", "monitor", "--refresh", "0.2"});
   ASSERT_TRUE(live->waitForOutput("s/warn")) << live->errors();
-  live->signal(SIGINT);
-  EXPECT_EQ(live->wait(), 0) << live->errors();
-  warn->signal(SIGINT);
-  EXPECT_EQ(warn->wait(), 0) << warn->errors();
+  for (const auto& [child, number] :
+       {std::pair{live.get(), SIGINT}, {warn.get(), SIGINT}, {quiet.get(), SIGTERM}}) {
+    child->signal(number);
+    EXPECT_EQ(child->wait(), 0) << child->errors();
+  }
   const std::string warnings = warn->output();
   EXPECT_GT(std::count(warnings.begin(), warnings.end(), '\n'), 20);
-  quiet->signal(SIGTERM);
-  EXPECT_EQ(quiet->wait(), 0) << quiet->errors();
   EXPECT_EQ(quiet->output(), "published #1: s/quiet OK [12] published once\n");
 }
 
@@ -116,9 +115,9 @@ TEST_F(CliDiag, LogEchoShowsTheRecordsOfATracingProcess) {
   ASSERT_TRUE(tracer.waitForOutput("traced at line ")) << tracer.errors();
   const std::string traced = tracer.output();
   const std::string line = traced.substr(15, traced.find('\n') - 15);
-  const std::string pid = std::to_string(tracer.pid());
   // Joining later still shows the node's latest record, as the trace logger's screen line.
-  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "log echo", {{"PID", pid}, {"LINE", line}}));
+  expectRows(KORCOMMON_CLI, rowsOf("diag.json", "log echo",
+                                   {{"PID", std::to_string(tracer.pid())}, {"LINE", line}}));
   tracer.signal(SIGTERM);
   EXPECT_EQ(tracer.wait(), 0);
 }

@@ -21,9 +21,7 @@ class ChildProcess {
  public:
   ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                const std::string& input = "");
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess();  // not copied: the scratch directory is not
 
   pid_t pid() const { return pid_; }
   std::string output() const;  // standard output so far

@@ -14,10 +14,9 @@ TEST(CliTable, TheMessageThenTheNameGiveWayNeverTheLastColumns) {
       {"NAME", "CODE", "MESSAGE", "AGE"},
       {"knee/left", "101", "hot, motor derated \xc3\xbc", "2s"},
       {"imu", "0", "ok", "12s"}};
-  constexpr size_t kName = 0;
-  constexpr size_t kMessage = 2;
+  // The message (column 2) gives way first, then the name (column 0).
   for (const auto& row : korcommon::testing::tableRows("table/layout.txt", 5)) {
-    EXPECT_EQ(korcommon::cli::layOutTable(rows, std::stoul(row[0]), {kMessage, kName}),
+    EXPECT_EQ(korcommon::cli::layOutTable(rows, std::stoul(row[0]), {2, 0}),
               std::vector<std::string>(row.begin() + 1, row.end() - 1))
         << row[4];
   }
