@@ -17,14 +17,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "dova/init.h"
 #include "korcommon/log.h"
+#include "ratio_reporter.h"
 
 namespace {
 
@@ -109,45 +107,6 @@ BENCHMARK(BM_TracePassing)->Repetitions(kRepetitions);
 BENCHMARK(BM_SpdlogRendered)->Repetitions(kRepetitions);
 BENCHMARK(BM_Vsnprintf)->Repetitions(kRepetitions);
 
-// The console report, followed by spdlog's median time over ours for each
-// pair that ran: above 1 ours is faster.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        medians_[run.run_name.function_name] = {run.GetAdjustedRealTime(),
-                                                run.GetAdjustedCPUTime()};
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    printRatio("passing", "BM_SpdlogRendered", "BM_TracePassing");
-    printRatio("filtered", "BM_SpdlogFiltered", "BM_TraceFiltered");
-  }
-
- private:
-  void printRatio(const char* call, const std::string& peer, const std::string& ours) {
-    const auto peer_time = medians_.find(peer);
-    const auto our_time = medians_.find(ours);
-    if (peer_time == medians_.end() || our_time == medians_.end()) return;
-    const Times& peer_median = peer_time->second;
-    const Times& our_median = our_time->second;
-    if (our_median.real <= 0 || our_median.cpu <= 0) return;
-    std::printf("ratio %s call (spdlog / ours, medians): real time %.2f, CPU time %.2f\n", call,
-                peer_median.real / our_median.real, peer_median.cpu / our_median.cpu);
-  }
-
-  struct Times {
-    double real = 0;
-    double cpu = 0;
-  };
-  std::map<std::string, Times> medians_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -157,7 +116,8 @@ int main(int argc, char** argv) {
   // on a robot where no tool listens to the log.
   unsetenv("DOVA_LOG_SCREEN");
   if (!dova::init("bench_node")) return 1;
-  RatioReporter reporter;
+  RatioReporter reporter({{"passing call", "BM_SpdlogRendered", "BM_TracePassing"},
+                          {"filtered call", "BM_SpdlogFiltered", "BM_TraceFiltered"}});
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   dova::shutdown();
