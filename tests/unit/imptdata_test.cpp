@@ -1,14 +1,14 @@
 #include "korcommon/ImptData.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,41 +21,52 @@ namespace {
 namespace fs = std::filesystem;
 using korcommon::ImptData;
 using korcommon::testing::readFile;
-using korcommon::testing::TraceCapture;
+using korcommon::testing::writeFile;
+using ::testing::MatchesRegex;
 
 const std::string kDirectory = "/opt/quor/imptdata/";
 
-unsigned modeOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777;
-}
-
-void writeFile(const std::string& name, const std::string& content) {
-  fs::create_directories(fs::path(kDirectory + name).parent_path());
-  std::ofstream(kDirectory + name, std::ios::binary) << content;
-}
-
-// The reports made, one "function: text" a line.
-std::string reportsOf(const TraceCapture& capture) {
-  std::string reports;
-  for (const auto& report : capture.reports()) {
-    EXPECT_EQ(report.level, 8);
-    reports += report.function + ": " + report.text + "\n";
+// The permission bits of each path below the store's directory, in octal, one after the other.
+std::string modesOf(const std::vector<std::string>& names) {
+  std::ostringstream modes;
+  for (const std::string& name : names) {
+    struct stat status {};
+    EXPECT_EQ(stat((kDirectory + name).c_str(), &status), 0) << name;
+    modes << std::oct << (status.st_mode & 07777) << " ";
   }
-  return reports;
+  return modes.str();
 }
 
-class ImptDataTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    KORCOMMON_REQUIRE_PRIVATE_OPT();
-    fs::remove_all("/opt/quor");
-  }
-};
+// One store on the private /opt: missing, refused, stored and unreadable values, then the
+// URDF directory.
+TEST(ImptData, StoresReadsAndReportsOnAPrivateOpt) {
+  KORCOMMON_REQUIRE_PRIVATE_OPT();
+  fs::remove_all("/opt/quor");
+  korcommon::testing::TraceCapture capture;
+  // The reports made since the last call, one "function: text" a line; all of them errors.
+  const auto reports = [&capture] {
+    std::string text;
+    for (const auto& report : capture.reports()) {
+      EXPECT_EQ(report.level, dova::ERROR);
+      text += report.function + ": " + report.text + "\n";
+    }
+    capture.clear();
+    return text;
+  };
 
-TEST_F(ImptDataTest, ValuesRoundTripAndEveryWriteOpensTheDirectory) {
-  TraceCapture capture;
+  // Missing files or keys read as empty, silently, and create nothing.
+  fs::create_directories(kDirectory + "notes");
+  writeFile(kDirectory + "joint_limit.yaml", "something_else: [1, 2]\n");
+  EXPECT_TRUE(ImptData::getJointOffset().empty() && ImptData::getJointLimit().empty());
+  EXPECT_EQ(ImptData::getSN(), "");
+  EXPECT_FALSE(fs::exists(kDirectory + "joint_offset.yaml"));
+  // Empty input is refused and touches nothing.
+  EXPECT_FALSE(ImptData::setJointOffset({}) || ImptData::setJointLimit({}) || ImptData::setSN(""));
+  EXPECT_EQ(reports(),
+            "setJointOffset: joint_offset data is empty\nsetJointLimit: joint_limit data is empty\n"
+            "setSN: sn data is empty\n");
+  EXPECT_EQ(readFile(kDirectory + "joint_limit.yaml"), "something_else: [1, 2]\n");
+
   const std::vector<double> offsets = {0.1, -0.0, 1e-300, -3.14159, 2.5, 0, 1, 2, 3, 4, 5, 1.0 / 3};
   ASSERT_TRUE(ImptData::setJointOffset(offsets));
   const std::vector<double> read_back = ImptData::getJointOffset();
@@ -63,73 +74,48 @@ TEST_F(ImptDataTest, ValuesRoundTripAndEveryWriteOpensTheDirectory) {
   EXPECT_EQ(std::memcmp(read_back.data(), offsets.data(), sizeof(double) * offsets.size()), 0);
   ASSERT_TRUE(ImptData::setSN("RB-0042"));
   EXPECT_EQ(ImptData::getSN(), "RB-0042");
-  EXPECT_EQ(modeOf(kDirectory + "sn.yaml"), 0777u);
-
+  EXPECT_EQ(modesOf({"sn.yaml"}), "777 ");
   // Every setter opens the whole directory, files written by others included.
-  writeFile("notes/other.txt", "x");
+  writeFile(kDirectory + "notes/other.txt", "x");
   ASSERT_EQ(chmod((kDirectory + "notes/other.txt").c_str(), 0600), 0);
   ASSERT_TRUE(ImptData::setJointLimit({-1.5, 1.5}));
   EXPECT_EQ(ImptData::getJointLimit(), (std::vector<double>{-1.5, 1.5}));
   EXPECT_EQ(ImptData::getJointOffset(), read_back) << "each value has its own file";
-  EXPECT_EQ(modeOf(kDirectory + "notes/other.txt"), 0777u);
-  EXPECT_EQ(modeOf(kDirectory), 0777u);
-  EXPECT_EQ(reportsOf(capture), "");
-}
-
-TEST_F(ImptDataTest, EmptyMissingAndUnreadableValues) {
-  TraceCapture capture;
-  // Missing files or keys read as empty, silently, and create nothing.
-  writeFile("joint_limit.yaml", "something_else: [1, 2]\n");
-  EXPECT_TRUE(ImptData::getJointOffset().empty() && ImptData::getJointLimit().empty());
-  EXPECT_EQ(ImptData::getSN(), "");
-  EXPECT_FALSE(fs::exists(kDirectory + "joint_offset.yaml"));
-  // Empty input is refused and touches nothing.
-  EXPECT_FALSE(ImptData::setJointOffset({}) || ImptData::setJointLimit({}) || ImptData::setSN(""));
-  EXPECT_EQ(reportsOf(capture),
-            "setJointOffset: joint_offset data is empty\nsetJointLimit: joint_limit data is empty\n"
-            "setSN: sn data is empty\n");
-  EXPECT_EQ(readFile(kDirectory + "joint_limit.yaml"), "something_else: [1, 2]\n");
+  EXPECT_EQ(modesOf({"notes/other.txt", ""}), "777 777 ");
+  EXPECT_EQ(reports(), "");
 
   // Unreadable files are reported under the operation's name, naming the file.
-  writeFile("joint_offset.yaml", "joint_offset: [1, {\n");
-  writeFile("joint_limit.yaml", "joint_limit: [1, abc]\n");
-  writeFile("sn.yaml", "sn: [not, a, string]\n");
-  capture.clear();
+  writeFile(kDirectory + "joint_offset.yaml", "joint_offset: [1, {\n");
+  writeFile(kDirectory + "joint_limit.yaml", "joint_limit: [1, abc]\n");
+  writeFile(kDirectory + "sn.yaml", "sn: [not, a, string]\n");
   EXPECT_TRUE(ImptData::getJointOffset().empty() && ImptData::getJointLimit().empty());
   EXPECT_EQ(ImptData::getSN(), "");
   EXPECT_FALSE(ImptData::setJointOffset({1.0}));
-  const std::string reports = reportsOf(capture);
-  for (const std::string& expected :
-       {"getJointOffset: " + kDirectory + "joint_offset.yaml", "getJointLimit: " + kDirectory,
-        "getSN: " + kDirectory + "sn.yaml", "setJointOffset: " + kDirectory + "joint_offset"}) {
-    EXPECT_NE(reports.find(expected), std::string::npos) << reports;
-  }
-  EXPECT_EQ(std::count(reports.begin(), reports.end(), '\n'), 4);
+  const std::string line = "[^\n]*\n";
+  EXPECT_THAT(reports(),
+              MatchesRegex("getJointOffset: " + kDirectory + "joint_offset.yaml" + line +
+                           "getJointLimit: " + kDirectory + line + "getSN: " + kDirectory +
+                           "sn.yaml" + line + "setJointOffset: " + kDirectory + line));
   EXPECT_EQ(readFile(kDirectory + "joint_offset.yaml"), "joint_offset: [1, {\n");
-}
 
-TEST_F(ImptDataTest, UrdfDirIsCreatedAndOpenedAtEveryCall) {
+  // The URDF directory is created, from nothing, and opened with all it holds at every call.
+  fs::remove_all("/opt/quor");
   EXPECT_EQ(ImptData::getUrdfDir(), kDirectory + "urdf/");
-  EXPECT_EQ(modeOf(kDirectory + "urdf"), 0777u);
-  writeFile("urdf/robot.urdf", "<robot/>");
+  EXPECT_EQ(modesOf({"urdf"}), "777 ");
+  writeFile(kDirectory + "urdf/robot.urdf", "<robot/>");
   ASSERT_EQ(chmod((kDirectory + "urdf/robot.urdf").c_str(), 0600), 0);
   ASSERT_EQ(chmod((kDirectory + "urdf").c_str(), 0700), 0);
   EXPECT_EQ(ImptData::getUrdfDir(), kDirectory + "urdf/");
-  EXPECT_EQ(modeOf(kDirectory + "urdf"), 0777u);
-  EXPECT_EQ(modeOf(kDirectory + "urdf/robot.urdf"), 0777u);
-
+  EXPECT_EQ(modesOf({"urdf", "urdf/robot.urdf"}), "777 777 ");
   // A link in its place is reported and its target left alone; the path is still returned.
   fs::remove_all(kDirectory + "urdf");
-  fs::create_directories("/opt/elsewhere");
-  ASSERT_EQ(chmod("/opt/elsewhere", 0700), 0);
-  ASSERT_EQ(symlink("/opt/elsewhere", (kDirectory + "urdf").c_str()), 0) << std::strerror(errno);
-  TraceCapture capture;
+  ASSERT_EQ(mkdir("/opt/quor/elsewhere", 0700), 0);
+  ASSERT_EQ(symlink("/opt/quor/elsewhere", (kDirectory + "urdf").c_str()), 0)
+      << std::strerror(errno);
   EXPECT_EQ(ImptData::getUrdfDir(), kDirectory + "urdf/");
-  EXPECT_EQ(modeOf("/opt/elsewhere"), 0700u);
-  const std::string reports = reportsOf(capture);
-  EXPECT_EQ(reports.rfind("getUrdfDir: ", 0), 0u) << reports;
-  EXPECT_NE(reports.find(kDirectory + "urdf"), std::string::npos) << reports;
-  EXPECT_EQ(std::count(reports.begin(), reports.end(), '\n'), 1);
+  EXPECT_EQ(modesOf({"../elsewhere"}), "700 ");
+  EXPECT_EQ(reports(),
+            "getUrdfDir: " + kDirectory + "urdf is a symbolic link: its mode is left unchanged\n");
 }
 
 }  // namespace
