@@ -2,6 +2,7 @@
 // the agreed constants, and the frame check that guards decoding of received bytes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <iomanip>
 #include <sstream>
@@ -36,19 +37,18 @@ std::string toHex(const std::vector<uint8_t>& bytes) {
 // Whether the frame check accepts `message` behind a transport prefix of `prefix` bytes.
 template <typename MessageT>
 bool frameFits(const std::vector<uint8_t>& message, size_t prefix = dova::msgs::kFramePrefixSize) {
-  std::vector<uint8_t> frame(prefix, 'n');
-  frame.insert(frame.end(), message.begin(), message.end());
-  // A copy holds exactly its bytes, so that AddressSanitizer catches a read past them.
-  const std::vector<uint8_t> exact(frame);
-  return dova::msgs::isWellFormedFrame<MessageT>(exact.data(), exact.size());
+  // Exactly its bytes, so that AddressSanitizer catches a read past them.
+  std::vector<uint8_t> frame(prefix + message.size(), 'n');
+  std::copy(message.begin(), message.end(), frame.begin() + static_cast<ptrdiff_t>(prefix));
+  return dova::msgs::isWellFormedFrame<MessageT>(frame.data(), frame.size());
 }
 
-// Decodes `bytes` into `message`: what it consumed, and its encoding afterwards, at an odd
-// address after a guard byte, with guard bytes after it that must stay.
+// Decodes `bytes`, a copy holding exactly them as above, into `message`: what it consumed, and
+// its encoding afterwards, at an odd address after a guard byte, with guard bytes after it that
+// must stay.
 template <typename MessageT>
-std::string decodeAndEncode(MessageT& message, const std::vector<uint8_t>& bytes) {
-  std::vector<uint8_t> exact(bytes);  // exactly its bytes, as above
-  const int consumed = message.deserialize(exact.data(), static_cast<int>(exact.size()));
+std::string decodeAndEncode(MessageT& message, std::vector<uint8_t> bytes) {
+  const int consumed = message.deserialize(bytes.data(), static_cast<int>(bytes.size()));
   std::vector<uint8_t> out(1 + static_cast<size_t>(message.serializedLength()) + 8, 0xAB);
   const int written = message.serialize(out.data() + 1, message.serializedLength());
   return std::to_string(consumed) + " " + std::to_string(written) + " " + toHex(out);
@@ -70,8 +70,7 @@ class MessageCodec : public ::testing::Test {
   // The stale message: the type's first golden row.
   static MessageT stale() {
     MessageT message;
-    std::vector<uint8_t> bytes = fromHex(rows("msgs/golden.txt", 4)[0][0]);
-    message.deserialize(bytes.data(), static_cast<int>(bytes.size()));
+    decodeAndEncode(message, fromHex(rows("msgs/golden.txt", 4)[0][0]));
     return message;
   }
 
@@ -116,25 +115,20 @@ TYPED_TEST(MessageCodec, GoldenEncodingsEchoesAndFrames) {
   EXPECT_FALSE(frameFits<TypeParam>({}, dova::msgs::kFramePrefixSize - 1)) << "no whole prefix";
 }
 
-TYPED_TEST(MessageCodec, ParseTable) {
+TYPED_TEST(MessageCodec, ParseTableAndAgreedConstants) {
   for (const auto& row : this->rows("msgs/parse.txt", 5)) {
     TypeParam target = this->stale();
     EXPECT_EQ(this->parse(target, row[0]), row[2]) << row[3];
     EXPECT_EQ(target.echo(), row[1]) << row[3];
   }
-}
-
-TYPED_TEST(MessageCodec, AgreedConstants) {
-  const auto rows = this->rows("msgs/constants.txt", 4);
-  ASSERT_EQ(rows.size(), 1u);
+  const auto constants = this->rows("msgs/constants.txt", 4);
+  ASSERT_EQ(constants.size(), 1u);
   const TypeParam message;
-  EXPECT_EQ(message.getMD5(), rows[0][0]);
-  EXPECT_EQ(message.getDefinition(), rows[0][1]);
-  if constexpr (std::is_same_v<TypeParam, dova::std_msgs::Header>) {
-    EXPECT_EQ(message.getHeader(), nullptr);
-  } else {
-    EXPECT_EQ(message.getHeader(), &message.header);
-  }
+  EXPECT_EQ(message.getMD5() + " " + message.getDefinition(),
+            constants[0][0] + " " + constants[0][1]);
+  const dova::std_msgs::Header* own_header = nullptr;
+  if constexpr (!std::is_same_v<TypeParam, dova::std_msgs::Header>) own_header = &message.header;
+  EXPECT_EQ(message.getHeader(), own_header);
 }
 
 }  // namespace
