@@ -29,18 +29,10 @@ class StandInHandle : public dova::NodeHandleBase {
     previous_ = dova::setNodeHandle(this);
   }
   ~StandInHandle() override { dova::setNodeHandle(previous_); }
-  StandInHandle(const StandInHandle&) = delete;
-  StandInHandle& operator=(const StandInHandle&) = delete;
 
   bool ok() const override { return running.load(); }
   void diag(const dova::diagnostic_msgs::DiagnosticValue& value) override { reports.add(value); }
-  void log(const LogRecord& record) override {
-    if (on_log) {
-      on_log(record);
-    } else {
-      records.add(record);
-    }
-  }
+  void log(const LogRecord& record) override { on_log ? on_log(record) : records.add(record); }
   void negotiateTopics(dova::SubscriberBase* subscriber) override { negotiated.add(subscriber); }
 
   std::atomic<bool> running;
