@@ -43,10 +43,8 @@ using LogRecord = std::shared_ptr<const Log>;
 
 uint64_t threadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
 
-using korcommon::testing::StandInHandle;
-
 // The texts of the records `handle` was given since the last call.
-std::vector<std::string> messagesOf(StandInHandle& handle) {
+std::vector<std::string> messagesOf(korcommon::testing::StandInHandle& handle) {
   std::vector<std::string> texts;
   for (const LogRecord& record : handle.records.take()) texts.push_back(record->msg);
   return texts;
@@ -64,7 +62,7 @@ class TraceLogger : public ::testing::Test {
     korcommon::set_log_size(256);
   }
 
-  StandInHandle handle_;  // installed for each test
+  korcommon::testing::StandInHandle handle_;  // installed for each test
   ScopedEnv screen_{"DOVA_LOG_SCREEN", std::nullopt};
 };
 
@@ -74,7 +72,21 @@ std::string screenOutput(const std::function<void()>& call) {
   return ::testing::internal::GetCapturedStdout();
 }
 
-TEST_F(TraceLogger, FiltersByLevelAndCutsToTheBufferSize) {
+TEST_F(TraceLogger, FiltersCutsPublishesAndPrintsTheRecords) {
+  const dova::Time before = dova::Time::now();
+  korcommon::mtrace(4, "a/b/c.cpp", 42, "publish", "joint %d temperature %.1f C", 3, 71.5);
+  const dova::Time after = dova::Time::now();
+  std::vector<LogRecord> records = handle_.records.take();
+  ASSERT_EQ(records.size(), 1u);
+  const Log& record = *records[0];
+  EXPECT_EQ(record.echo().substr(record.echo().find(",\"level\"")),
+            R"(,"level":4,"name":"trace_node","msg":"joint 3 temperature 71.5 C","file":"c.cpp",)"
+            R"("function":"publish","line":42,"topics":[],"pid":)" +
+                std::to_string(getpid()) + ",\"tid\":" + std::to_string(threadId()) + "}");
+  EXPECT_EQ(std::to_string(record.header.seq) + "|" + record.header.frame_id, "0|");
+  EXPECT_THAT(record.header.stamp.toSec(),
+              ::testing::AllOf(::testing::Ge(before.toSec()), ::testing::Le(after.toSec())));
+
   const ScopedEnv screen("DOVA_LOG_SCREEN", "1");
   // Called through a pointer too, so the exported function is checked beside the inline filter.
   void (*volatile exported)(int, const char*, int, const char*, const char*, ...) =
@@ -113,26 +125,9 @@ TEST_F(TraceLogger, FiltersByLevelAndCutsToTheBufferSize) {
   korcommon::mtrace(2, "f.cpp", 1, "cut", "%sz", fits.c_str());
   EXPECT_THAT(messagesOf(handle_),
               ::testing::ElementsAre("0123456", "", "012345678", ten, ten, ten, "ab", fits, fits));
-}
-
-TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
-  const dova::Time before = dova::Time::now();
-  korcommon::mtrace(4, "a/b/c.cpp", 42, "publish", "joint %d temperature %.1f C", 3, 71.5);
-  const dova::Time after = dova::Time::now();
-  std::vector<LogRecord> records = handle_.records.take();
-  ASSERT_EQ(records.size(), 1u);
-  const Log& record = *records[0];
-  EXPECT_EQ(record.echo().substr(record.echo().find(",\"level\"")),
-            R"(,"level":4,"name":"trace_node","msg":"joint 3 temperature 71.5 C","file":"c.cpp",)"
-            R"("function":"publish","line":42,"topics":[],"pid":)" +
-                std::to_string(getpid()) + ",\"tid\":" + std::to_string(threadId()) + "}");
-  EXPECT_EQ(std::to_string(record.header.seq) + "|" + record.header.frame_id, "0|");
-  EXPECT_GE(record.header.stamp.toSec(), before.toSec());
-  EXPECT_LE(record.header.stamp.toSec(), after.toSec());
 
   // Level: the low 8 bits; file: the last path component; ids: the process's and the calling
   // thread's, in the record and on the screen.
-  const ScopedEnv screen("DOVA_LOG_SCREEN", "1");
   uint64_t worker = 0;
   std::string printed;
   std::thread([&] {
@@ -150,12 +145,10 @@ TEST_F(TraceLogger, PublishesTheRecordOfTheCallingThread) {
             "44 x.h|| " + std::to_string(worker));
   EXPECT_THAT(printed, ::testing::HasSubstr("(" + std::to_string(getpid()) + "/" +
                                             std::to_string(worker) + "): "));
-}
 
-TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
+  // The screen line, whatever the publishing.
   const ScopedEnv zone("TZ", "KST-9");  // far from UTC, so that a line in UTC would show
   tzset();
-  const ScopedEnv screen("DOVA_LOG_SCREEN", "1");
   handle_.running = false;
   const time_t now = time(nullptr);
   const std::string output = screenOutput([] { korcommon::mtrace(2, "a/b/c.cpp", 12, "f", "hi"); });
@@ -189,7 +182,9 @@ TEST_F(TraceLogger, PrintsTheScreenLineWhateverThePublishing) {
   EXPECT_THAT(alone, ::testing::HasSubstr(" F/(" + std::to_string(getpid()) + "/"));
 }
 
-TEST_F(TraceLogger, ConcurrentCallsAndSetters) {
+std::string numbered(int number) { return "message number " + std::to_string(number) + " of many"; }
+
+TEST_F(TraceLogger, ConcurrentCallsNeitherLoseNorRewriteRecords) {
   // Every message is cut to one of the sizes in use, never garbled, and none is lost.
   const std::string text(200, 'k');
   std::atomic<bool> done{false};
@@ -213,14 +208,11 @@ TEST_F(TraceLogger, ConcurrentCallsAndSetters) {
   ASSERT_EQ(messages.size(), 1200u);
   EXPECT_THAT(messages, ::testing::Each(::testing::AnyOf(text.substr(0, 15), text.substr(0, 79),
                                                          text.substr(0, 143), text)));
-}
 
-std::string numbered(int number) { return "message number " + std::to_string(number) + " of many"; }
-
-// Records are recycled, but never while anything still holds or watches one: not when it is
-// released on another thread, nor after its own thread ended, nor for a trace from a thread's
-// last destructors.
-TEST_F(TraceLogger, RecordsAreNeverRewrittenWhileHeld) {
+  korcommon::set_log_size(256);  // back from the setter's sizes
+  // Records are recycled, but never while anything still holds or watches one: not when it is
+  // released on another thread, nor after its own thread ended, nor for a trace from a thread's
+  // last destructors.
   std::vector<std::pair<int, LogRecord>> held;
   std::vector<std::weak_ptr<const Log>> watched;
   korcommon::testing::Inbox<std::pair<int, LogRecord>> queue;

@@ -63,7 +63,7 @@ std::vector<std::string> bothForms(const Arguments&... arguments) {
   return {createSigString(arguments...), write(createSigJson(arguments...))};
 }
 
-TEST_F(SignalEnvelopeCreate, SixteenOverloadsFillTheMembersInOrder) {
+TEST_F(SignalEnvelopeCreate, FillsTheMembersInOrderFromWhatItIsGiven) {
   Object pose;
   pose["x"] = Number(0.5);
   const double before = wallClockMilliseconds();
@@ -106,9 +106,8 @@ TEST_F(SignalEnvelopeCreate, SixteenOverloadsFillTheMembersInOrder) {
   EXPECT_EQ(guids.size(), 8u);
   for (const std::string& guid : guids) EXPECT_EQ(guid.size(), 36u) << guid;
   EXPECT_TRUE(fractional) << "generated timestamps keep the sub-millisecond part";
-}
 
-TEST_F(SignalEnvelopeCreate, StoresWhatItIsGivenAndTheAccidOfTheMoment) {
+  // Payloads and timestamps are stored as given.
   const std::string head = R"({"accid":"RB-0001","title":"t","guid":"g","timestamp":)";
   EXPECT_EQ(createSigString("t", "g", 1L, R"({"x":1})"), head + R"(1,"data":"{\"x\":1}"})");
   EXPECT_EQ(createSigString("t", "g", 1L, Object()), head + R"(1,"data":{}})");
