@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,18 @@ class Inbox {
   std::condition_variable changed_;
   std::vector<T> items_;
 };
+
+// Polls `ready` until it holds (true) or the deadline passes (false), for a condition that
+// nothing signals, such as the threads of this process.
+template <typename Ready>
+bool pollUntil(Ready ready, std::chrono::milliseconds timeout = kDeadline) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 // The name the operating system knows the calling thread by.
 inline std::string currentThreadName() {

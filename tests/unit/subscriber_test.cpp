@@ -16,6 +16,7 @@
 #include "read_file.h"
 #include "stand_in_handle.h"
 #include "table_rows.h"
+#include "threads.h"
 #include "trace_capture.h"
 
 namespace {
@@ -175,18 +176,15 @@ TEST(Subscriber, RegistrationDependsOnTheNodesMode) {
   }
 }
 
-// Whether the threads of this process named "dova_pool" come back to `count` within a
-// deadline (a released pool's worker leaves a moment after the pool is gone).
-bool poolThreadsReturnTo(size_t count) {
-  const auto deadline = std::chrono::steady_clock::now() + korcommon::testing::kDeadline;
-  for (;;) {
-    size_t threads = 0;
+// Whether every thread of this process named "dova_pool" leaves within a deadline (a
+// released pool's worker leaves a moment after the pool is gone).
+bool poolThreadsLeave() {
+  return korcommon::testing::pollUntil([] {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      threads += korcommon::testing::readFile(task.path() / "comm") == "dova_pool\n";
+      if (korcommon::testing::readFile(task.path() / "comm") == "dova_pool\n") return false;
     }
-    if (threads == count || std::chrono::steady_clock::now() > deadline) return threads == count;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+    return true;
+  });
 }
 
 TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
@@ -205,7 +203,7 @@ TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
   stopped->inited = 1;  // as the registration saw it
   subscribe(stopped);
   EXPECT_TRUE(stopped->pools.empty()) << "a pool nothing will ever post to";
-  EXPECT_TRUE(poolThreadsReturnTo(0));
+  EXPECT_TRUE(poolThreadsLeave());
 
   // The same race run for real: registrations on one thread, shutdown on another.
   for (int round = 0; round < 20; ++round) {
@@ -220,7 +218,7 @@ TEST(Subscriber, RegistrationRacingShutdownLeavesNoPoolThreadBehind) {
     dova::shutdown();
     racing.join();
   }
-  EXPECT_TRUE(poolThreadsReturnTo(0));
+  EXPECT_TRUE(poolThreadsLeave());
 }
 
 }  // namespace
