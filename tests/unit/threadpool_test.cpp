@@ -27,110 +27,46 @@ namespace {
 using korcommon::testing::TraceCapture;
 using Signal = korcommon::testing::Inbox<bool>;  // open: add(true); wait: waitFor(1)
 
-double wallSeconds() { return dova::Time::WallTime().toSec(); }
-
-// Wall time at which the last slow task of this process had surely been reported. The
-// report is limited to one a second for the whole process: ctest runs each case in a
-// process of its own, but when the whole binary runs at once a case that expects a report
-// waits out an earlier one.
-double last_slow_task = 0;
-
-void waitUntilWallTime(double seconds) {
-  while (wallSeconds() < seconds) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-}
-
-// Keeps the worker busy for `ms` of the middleware clock, the one the pool times tasks with.
-void spendMilliseconds(double ms) {
-  const dova::Time start = dova::Time::now();
-  while ((dova::Time::now() - start).toSec() * 1000.0 < ms) {
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-}
-
-// Runs `task` on the one-thread `pool` and waits until it is done and timed.
-void runOn(dova::ThreadPool& pool, std::function<void()> task) {
-  auto done = std::make_shared<Signal>();
-  pool.post(std::move(task));
-  pool.post([done] { done->add(true); });
-  ASSERT_TRUE(done->waitFor(1)) << "the pool did not run a task within the deadline";
-  last_slow_task = wallSeconds();
-}
-
-// The slow-task reports in `capture`, as "POOL MS REMAINING" for the pool's name.
-std::vector<std::string> slowReports(const TraceCapture& capture) {
-  std::vector<std::string> reports;
-  const std::regex shape(R"((\S+) timeescape (\d+\.\d\d) ms, remained task: (\d+))");
-  for (const korcommon::testing::TraceReport& report : capture.reports()) {
-    std::smatch parts;
-    if (report.function != "thread_loop") continue;
-    EXPECT_EQ(report.level, dova::WARN);
-    EXPECT_NE(report.file.find("dova/os/threadpool.h"), std::string::npos) << report.file;
-    EXPECT_TRUE(std::regex_match(report.text, parts, shape)) << report.text;
-    reports.push_back(parts[1].str() + " " + parts[2].str() + " " + parts[3].str());
-  }
-  return reports;
-}
-
-struct Worker {
-  std::string name;
-  cpu_set_t cpus;
-};
-
-// The workers of a new pool, with DOVA_SCHED_CPU set to `cpu`: one task per thread, each
-// held until all of them started, so that every thread runs exactly one. In name order.
-std::vector<Worker> workersOf(const std::string& pool_name, int thread_count,
-                              std::optional<std::string> cpu = std::nullopt) {
-  const korcommon::testing::ScopedEnv setting("DOVA_SCHED_CPU", std::move(cpu));
-  auto workers = std::make_shared<korcommon::testing::Inbox<Worker>>();
-  auto finished = std::make_shared<Signal>();
-  dova::ThreadPool pool(pool_name, thread_count);
-  const auto count = static_cast<size_t>(thread_count);
-  for (size_t i = 0; i < count; ++i) {
-    pool.post([=] {
-      Worker worker{korcommon::testing::currentThreadName(), {}};
-      sched_getaffinity(0, sizeof worker.cpus, &worker.cpus);
-      workers->add(worker);
-      EXPECT_TRUE(workers->waitFor(count)) << "too few threads";
-      finished->add(true);
-    });
-  }
-  EXPECT_TRUE(finished->waitFor(count)) << pool_name;
-  std::vector<Worker> all = workers->items();
-  std::sort(all.begin(), all.end(),
-            [](const Worker& a, const Worker& b) { return a.name < b.name; });
-  return all;
-}
-
-TEST(ThreadPool, NamesAndPinsItsWorkers) {
-  for (const auto& row : korcommon::testing::tableRows("platform/thread_names.txt", 4)) {
-    std::string names;
-    for (const Worker& worker : workersOf(row[0], std::stoi(row[1]))) {
-      names += (names.empty() ? "" : " ") + worker.name;
-    }
-    EXPECT_EQ(names, row[2]) << row[3];
-  }
+TEST(ThreadPool, NamesAndPinsItsWorkersButNotItsCreator) {
   cpu_set_t allowed;
   ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
-  std::vector<int> cpus;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(static_cast<size_t>(cpu), &allowed)) cpus.push_back(cpu);
+  std::vector<size_t> cpus;  // the ones this process may use
+  for (size_t cpu = 0; cpu < size_t{CPU_SETSIZE}; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
   }
-  // The first and the last CPU this process may use, so that the value matters.
-  for (const int target : {cpus.front(), cpus.back()}) {
-    const cpu_set_t pinned = workersOf("pinned_pool", 1, std::to_string(target)).at(0).cpus;
-    EXPECT_EQ(CPU_COUNT(&pinned), 1) << target;
-    EXPECT_TRUE(CPU_ISSET(static_cast<size_t>(target), &pinned)) << target;
-  }
-  // Unset, empty, or a CPU that cannot be used: unpinned; and never the pool's creator.
-  for (const std::optional<std::string>& cpu :
-       {std::optional<std::string>(), std::optional<std::string>(""),
-        std::optional<std::string>("99999"), std::optional<std::string>("-1")}) {
-    const cpu_set_t unpinned = workersOf("free_pool", 1, cpu).at(0).cpus;
-    EXPECT_TRUE(CPU_EQUAL(&unpinned, &allowed)) << cpu.value_or("(unset)");
+  for (auto row : korcommon::testing::tableRows("platform/thread_names.txt", 5)) {
+    cpu_set_t expected = allowed;
+    if (row[2] == "first" || row[2] == "last") {
+      const size_t target = row[2] == "first" ? cpus.front() : cpus.back();
+      row[2] = std::to_string(target);
+      CPU_ZERO(&expected);
+      CPU_SET(target, &expected);
+    }
+    const korcommon::testing::ScopedEnv setting(
+        "DOVA_SCHED_CPU", row[2] == "(unset)" ? std::nullopt : std::optional(row[2]));
+    // One task per thread, each held until all of them started, so that every thread runs one.
+    const size_t count = std::stoul(row[1]);
+    auto workers = std::make_shared<korcommon::testing::Inbox<std::string>>();
+    dova::ThreadPool pool(row[0], static_cast<int>(count));
+    for (size_t i = 0; i < count; ++i) {
+      pool.post([=] {
+        cpu_set_t used;
+        sched_getaffinity(0, sizeof used, &used);
+        workers->add(korcommon::testing::currentThreadName() +
+                     (CPU_EQUAL(&used, &expected) ? "" : " (on other CPUs)"));
+        EXPECT_TRUE(workers->waitFor(count)) << "too few threads";
+      });
+    }
+    ASSERT_TRUE(workers->waitFor(count)) << row[4];
+    std::vector<std::string> names = workers->items();
+    std::sort(names.begin(), names.end());
+    std::string joined = names[0];
+    for (size_t i = 1; i < names.size(); ++i) joined += " " + names[i];
+    EXPECT_EQ(joined, row[3]) << row[4];
   }
   cpu_set_t after;
   sched_getaffinity(0, sizeof after, &after);
-  EXPECT_TRUE(CPU_EQUAL(&after, &allowed));
+  EXPECT_TRUE(CPU_EQUAL(&after, &allowed)) << "the pool's creator was pinned";
 }
 
 TEST(ThreadPool, RunsTasksOfManyPostersInOrderOnOneThread) {
@@ -161,18 +97,58 @@ TEST(ThreadPool, RunsTasksOfManyPostersInOrderOnOneThread) {
   EXPECT_EQ(workers.count(std::this_thread::get_id()), 0u);
 }
 
-TEST(ThreadPool, ReportsTasksOf50MsOrMoreOnceASecondAcrossPools) {
-  waitUntilWallTime(last_slow_task + 1.1);
+double wallSeconds() { return dova::Time::WallTime().toSec(); }
+
+// Keeps the worker busy for `ms` of the middleware clock, the one the pool times tasks with.
+void spendMilliseconds(double ms) {
+  const dova::Time start = dova::Time::now();
+  while ((dova::Time::now() - start).toSec() * 1000.0 < ms) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+}
+
+// Runs `task` on the one-thread `pool` and waits until it is done and timed.
+void runOn(dova::ThreadPool& pool, std::function<void()> task) {
+  auto done = std::make_shared<Signal>();
+  pool.post(std::move(task));
+  pool.post([done] { done->add(true); });
+  ASSERT_TRUE(done->waitFor(1)) << "the pool did not run a task within the deadline";
+}
+
+// The slow-task reports in `capture`, as "POOL MS REMAINING" for the pool's name.
+std::vector<std::string> slowReports(const TraceCapture& capture) {
+  std::vector<std::string> reports;
+  const std::regex shape(R"((\S+) timeescape (\d+\.\d\d) ms, remained task: (\d+))");
+  for (const korcommon::testing::TraceReport& report : capture.reports()) {
+    std::smatch parts;
+    if (report.function != "thread_loop") continue;
+    EXPECT_EQ(report.level, dova::WARN);
+    EXPECT_TRUE(std::regex_match(report.text, parts, shape)) << report.text;
+    reports.push_back(parts[1].str() + " " + parts[2].str() + " " + parts[3].str());
+  }
+  return reports;
+}
+
+// An object that adds to `signal` when it is destroyed: captured by a task, it tells when
+// the pool destroyed that task.
+std::shared_ptr<void> signalOnDestruction(const std::shared_ptr<Signal>& signal) {
+  return std::shared_ptr<void>(nullptr, [signal](void*) { signal->add(true); });
+}
+
+// The slow-task report is limited to one a second for the whole process, so this one case
+// sees every report its pools make.
+TEST(ThreadPool, ReportsSlowTasksOnceASecondAndDestroyingDropsPendingTasks) {
   const TraceCapture capture;
   dova::ThreadPool first("first_pool", 1);
-  dova::ThreadPool second("second_pool_long", 1);  // its thread is "econd_pool_long"
+  dova::ThreadPool second("second_pool", 1);
   runOn(first, [] { spendMilliseconds(49.0); });
-  // A loaded machine may stretch that task past 50 ms; it is then rightly reported.
+  // A loaded machine may stretch that task past 50 ms; it is then rightly reported, and the
+  // next report is due a second later.
+  const size_t before = slowReports(capture).size();
   for (const std::string& report : slowReports(capture)) {
     EXPECT_GE(std::stod(report.substr(11)), 50.0) << report;
   }
-  waitUntilWallTime(last_slow_task + 1.1);
-  const size_t before = slowReports(capture).size();
+  if (before > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
 
   // A slow task with three more queued behind it when it ends, the last a marker.
   auto queued = std::make_shared<Signal>();
@@ -187,36 +163,17 @@ TEST(ThreadPool, ReportsTasksOf50MsOrMoreOnceASecondAcrossPools) {
   const double released = wallSeconds();  // the report comes 50 ms or more later
   queued->add(true);
   ASSERT_TRUE(done->waitFor(1));
-  const double reported = wallSeconds();  // the report came before
   std::vector<std::string> reports = slowReports(capture);
   ASSERT_EQ(reports.size(), before + 1);
   EXPECT_TRUE(std::regex_match(reports.back(), std::regex(R"(first_pool \d+\.\d\d 3)")))
       << reports.back();
   EXPECT_LT(std::stod(reports.back().substr(11)), 5000.0);
-
   // Within the same second, from another pool and from the same one: no report.
   runOn(second, [] { spendMilliseconds(60.0); });
   runOn(first, [] { spendMilliseconds(60.0); });
   ASSERT_LT(wallSeconds() - released, 0.95) << "the machine is too slow for this case";
   EXPECT_EQ(slowReports(capture).size(), before + 1);
-  // More than a second later the next slow task reports again.
-  waitUntilWallTime(reported + 1.05);
-  runOn(second, [] { spendMilliseconds(60.0); });
-  reports = slowReports(capture);
-  ASSERT_EQ(reports.size(), before + 2);
-  EXPECT_EQ(reports.back().rfind("second_pool_long ", 0), 0u)
-      << "the pool's name, not the thread's";
-}
 
-// An object that adds to `signal` when it is destroyed: captured by a task, it tells when
-// the pool destroyed that task.
-std::shared_ptr<void> signalOnDestruction(const std::shared_ptr<Signal>& signal) {
-  return std::shared_ptr<void>(nullptr, [signal](void*) { signal->add(true); });
-}
-
-TEST(ThreadPool, DestroyingDropsPendingTasksAndWaitsThreeSecondsAtMostForABusyWorker) {
-  waitUntilWallTime(last_slow_task + 1.1);
-  const TraceCapture capture;
   ::testing::internal::CaptureStdout();
   auto ran = std::make_shared<Signal>();
   {
@@ -253,7 +210,7 @@ TEST(ThreadPool, DestroyingDropsPendingTasksAndWaitsThreeSecondsAtMostForABusyWo
   auto gone = std::make_shared<Signal>();
   const auto start = std::chrono::steady_clock::now();
   {
-    dova::ThreadPool pool("stuck_pool", 1);
+    dova::ThreadPool pool("stuck_pool_longer", 1);  // its thread is "uck_pool_longer"
     pool.post([stuck_release, running, guard = signalOnDestruction(gone)] {
       running->add(true);
       EXPECT_TRUE(stuck_release->waitFor(1));
@@ -262,24 +219,26 @@ TEST(ThreadPool, DestroyingDropsPendingTasksAndWaitsThreeSecondsAtMostForABusyWo
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2950));
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "Warning: Blocked - stuck_pool wait_completed timeout=3s\n")
+            "Warning: Blocked - stuck_pool_longer wait_completed timeout=3s\n")
       << "the idle pools warn of nothing";
-  ASSERT_EQ(
-      capture.count(dova::WARN, "wait_completed", "Blocked - stuck_pool wait_completed timeout=3s"),
-      1u);
-  EXPECT_NE(capture.reports()[0].file.find("dova/os/threadpool.h"), std::string::npos);
+  EXPECT_EQ(capture.count(dova::WARN, "wait_completed",
+                          "Blocked - stuck_pool_longer wait_completed timeout=3s"),
+            1u);
 
-  // The task ends after its pool is gone: the worker still times it, reports it under the
-  // pool's name and leaves, without touching freed memory.
+  // The task ends after its pool is gone: the worker still times it and reports it, more
+  // than a second after the last report, under the pool's name, and leaves without touching
+  // freed memory.
   EXPECT_EQ(gone->size(), 0u);
   stuck_release->add(true);
   ASSERT_TRUE(gone->waitFor(1));
-  last_slow_task = wallSeconds();
-  const std::vector<std::string> slow = slowReports(capture);
-  ASSERT_FALSE(slow.empty());
-  EXPECT_TRUE(std::regex_match(slow.back(), std::regex(R"(stuck_pool \d+\.\d\d 0)")))
-      << slow.back();
-  EXPECT_GE(std::stod(slow.back().substr(11)), 2950.0);
+  reports = slowReports(capture);
+  ASSERT_GT(reports.size(), before + 1);
+  EXPECT_TRUE(std::regex_match(reports.back(), std::regex(R"(stuck_pool_longer \d+\.\d\d 0)")))
+      << reports.back();
+  EXPECT_GE(std::stod(reports.back().substr(18)), 2950.0);
+  for (const korcommon::testing::TraceReport& report : capture.reports()) {
+    EXPECT_NE(report.file.find("dova/os/threadpool.h"), std::string::npos) << report.file;
+  }
 }
 
 }  // namespace
