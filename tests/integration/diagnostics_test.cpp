@@ -51,27 +51,29 @@ korcommon::Diagnostics::Callback collect(const std::shared_ptr<Inbox>& inbox) {
   };
 }
 
-std::vector<std::string> namesIn(const Inbox& inbox) {
+std::vector<std::string> namesIn(const std::vector<Arrival>& arrivals) {
   std::vector<std::string> names;
-  for (const Arrival& arrival : inbox.items()) names.push_back(arrival.value->name);
+  for (const Arrival& arrival : arrivals) names.push_back(arrival.value->name);
   return names;
 }
 
-// A subscriber that counts which entry point the platform used, then decodes into an inbox.
-struct ProbeSubscriber : dova::Subscriber<DiagnosticValue> {
-  explicit ProbeSubscriber(const std::shared_ptr<Inbox>& inbox,
-                           const std::string& topic = kDiagnosticsTopic) {
-    callback_kind = 2;
-    callback_ptr = collect(inbox);
-    setTopic(topic);
+// A subscriber of `T` on `topic` calling `function` with each message, which counts the entry
+// points the platform used.
+template <typename T = DiagnosticValue>
+struct Probe : dova::Subscriber<T> {
+  explicit Probe(std::function<void(const std::shared_ptr<const T>&)> function,
+                 const std::string& topic = kDiagnosticsTopic) {
+    this->callback_kind = 2;
+    this->callback_ptr = std::move(function);
+    this->setTopic(topic);
   }
   void callback(uint8_t* data, int len) override {
     ++frames;
-    Subscriber::callback(data, len);
+    dova::Subscriber<T>::callback(data, len);
   }
   void intraProcess(const std::shared_ptr<const dova::Msg>& m) override {
     ++messages;
-    Subscriber::intraProcess(m);
+    dova::Subscriber<T>::intraProcess(m);
   }
   std::atomic<int> frames{0};
   std::atomic<int> messages{0};
@@ -87,35 +89,31 @@ class Diagnostics : public ::testing::Test {
   static void start(const char* node, int mode, bool intra_process = true) {
     ASSERT_TRUE(dova::init(node, dova::Options{"local", mode, intra_process, -1}));
   }
-  // Subscribes `subscriber`, which the fixture keeps until after the shutdown.
-  template <typename S>
-  S& subscribe(std::shared_ptr<S> subscriber, bool latch = false, int queue_size = -1) {
-    kept_.push_back(subscriber);
-    EXPECT_TRUE(dova::nh()->subscribe(*subscriber, latch, true, queue_size));
-    return *subscriber;
+  // Subscribes `probe`, which the fixture keeps until after the shutdown.
+  template <typename T>
+  Probe<T>& subscribe(std::shared_ptr<Probe<T>> probe, bool latch = false, int queue_size = -1) {
+    kept_.push_back(probe);
+    EXPECT_TRUE(dova::nh()->subscribe(*probe, latch, true, queue_size));
+    return *probe;
   }
-  // A subscriber of `T` on the diagnostics topic calling `function` with each message.
-  template <typename T = DiagnosticValue>
-  dova::Subscriber<T>& subscribe(std::function<void(const T&)> function, bool latch = false,
-                                 int queue_size = -1) {
-    auto subscriber = std::make_shared<dova::Subscriber<T>>();
-    subscriber->callback_kind = 0;
-    subscriber->callback_ref = std::move(function);
-    subscriber->setTopic(kDiagnosticsTopic);
-    return subscribe(subscriber, latch, queue_size);
+  Probe<>& subscribe(korcommon::Diagnostics::Callback function, bool latch = false,
+                     int queue_size = -1) {
+    return subscribe(std::make_shared<Probe<>>(std::move(function)), latch, queue_size);
   }
-  // Waits until the subscription's pool has run everything posted to it so far.
-  static bool drainPool(const dova::SubscriberBase& subscriber) {
-    std::shared_ptr<dova::ThreadPool> pool;
+  // Waits until the pools of `subscribers` have run everything posted to them so far.
+  static bool drainPools(const std::vector<const dova::SubscriberBase*>& subscribers) {
+    auto done = std::make_shared<Signal>();
+    size_t posted = 0;
     {
       std::lock_guard<std::mutex> lock(dova::nh()->subscribers_mutex);
-      const auto found = dova::nh()->pools.find(subscriber.topic_id);
-      if (found == dova::nh()->pools.end()) return true;  // mode 0: nothing queued
-      pool = found->second;
+      for (const dova::SubscriberBase* subscriber : subscribers) {
+        const auto found = dova::nh()->pools.find(subscriber->topic_id);
+        if (found == dova::nh()->pools.end()) continue;  // mode 0: nothing queued
+        found->second->post([done] { done->add(true); });
+        ++posted;
+      }
     }
-    auto done = std::make_shared<Signal>();
-    pool->post([done] { done->add(true); });
-    return done->waitFor(1);
+    return done->waitFor(posted);
   }
 
  private:
@@ -131,7 +129,6 @@ TEST_F(Diagnostics, PublishFillsTheReportAndBeforeInitOnlyComplains) {
     korcommon::Diagnostics::publish("hip", "base_link", 3, 1, "warm");
     korcommon::Diagnostics::subscribe(collect(std::make_shared<Inbox>()));
     const std::string printed = ::testing::internal::GetCapturedStdout();
-    unsetenv("DOVA_LOG_SCREEN");
     // At ERROR, from the library's file, once per call.
     EXPECT_TRUE(std::regex_match(
         printed, std::regex(R"((.* E/.*Diagnostics\.cpp\(\d+\) .*Please init dova!.*\n){3})")))
@@ -173,26 +170,25 @@ TEST_F(Diagnostics, StartUpReportsAreCollectedPerNameAndHandedOverInNameOrder) {
   // Past the collection but before the hand-over: still one of the batch.
   std::this_thread::sleep_until(subscribed + 3500ms);
   korcommon::Diagnostics::publish("z", 3, 0, "");
-
   ASSERT_TRUE(inbox->waitFor(4));
-  const std::vector<Arrival> batch = inbox->items();
-  EXPECT_EQ(namesIn(*inbox), (std::vector<std::string>{"", "a", "b", "z"}));
-  std::vector<int> codes;
-  for (const Arrival& arrival : batch) {
-    codes.push_back(arrival.value->code);
-    EXPECT_GE(arrival.at - subscribed, 3950ms) << "handed over 3 s after the first report";
-    EXPECT_EQ(arrival.value->caller_id, "monitor");
-    EXPECT_EQ(arrival.tid, batch[0].tid) << "the whole batch on the hand-over thread";
-  }
-  EXPECT_EQ(codes, (std::vector<int>{6, 2, 7, 3})) << "the latest of each name";
-
-  // After the hand-over each report goes straight through, on the pool's thread.
   korcommon::Diagnostics::publish("c", 9, 0, "");
   ASSERT_TRUE(inbox->waitFor(5, 2s)) << "not collected for another 3 s";
-  const Arrival direct = inbox->items()[4];
-  EXPECT_EQ(direct.value->name, "c");
-  EXPECT_EQ(direct.thread, "dova_pool");
-  EXPECT_NE(direct.tid, batch[0].tid);
+
+  const std::vector<Arrival> arrivals = inbox->items();
+  std::vector<std::string> delivered;
+  for (const Arrival& arrival : arrivals) {
+    delivered.push_back(arrival.value->name + " " + std::to_string(arrival.value->code));
+    EXPECT_EQ(arrival.value->caller_id, "monitor");
+  }
+  EXPECT_EQ(delivered, (std::vector<std::string>{" 6", "a 2", "b 7", "z 3", "c 9"}))
+      << "the latest of each name, in name order, then each report as it comes";
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_GE(arrivals[i].at - subscribed, 3950ms) << "handed over 3 s after the first report";
+    EXPECT_EQ(arrivals[i].tid, arrivals[0].tid) << "the whole batch on the hand-over thread";
+  }
+  // After the hand-over each report goes straight through, on the pool's thread.
+  EXPECT_EQ(arrivals[4].thread, "dova_pool");
+  EXPECT_NE(arrivals[4].tid, arrivals[0].tid);
   EXPECT_EQ(inbox->size(), 5u);
 }
 
@@ -212,7 +208,7 @@ TEST_F(Diagnostics, DirectDeliveryStartsNoThreadAndTheUserFunctionNeverOverlapsI
   korcommon::Diagnostics::publish("later", 5, 1, "");
   EXPECT_EQ(inbox->size(), 2u);
   EXPECT_EQ(threads(), threads_before) << "no hand-over thread was started";
-  EXPECT_EQ(namesIn(*inbox), (std::vector<std::string>{"late", "later"}));
+  EXPECT_EQ(namesIn(inbox->items()), (std::vector<std::string>{"late", "later"}));
   for (const Arrival& arrival : inbox->items()) EXPECT_EQ(arrival.tid, std::this_thread::get_id());
 
   // A second subscription: each publishing thread delivers by itself, so the threads race
@@ -262,26 +258,26 @@ TEST_F(Diagnostics, EveryModeDeliversEveryFieldInOrderWhateverOtherSubscribersDo
       korcommon::Diagnostics::publish("elbow", 9, 0, "");
       // Served first: a subscriber that throws a standard exception, then another kind.
       auto thrown = std::make_shared<std::atomic<int>>(0);
-      auto& thrower = subscribe<DiagnosticValue>([thrown](const DiagnosticValue& value) {
+      auto& thrower = subscribe([thrown](const DiagnosticValuePtr& value) {
         if (thrown->fetch_add(1) == 0) throw std::runtime_error("sensor table corrupt");
-        throw value.code;
+        throw value->code;
       });
       // Subscribers of another type on each topic: never handed a frame they would misread
       // (a report read as a Log has a name of 0x03000000 bytes).
       auto logs_read = std::make_shared<std::atomic<int>>(0);
-      auto& log_reader = subscribe<dova::dova_msgs::Log>(
-          [logs_read](const dova::dova_msgs::Log&) { ++*logs_read; });
+      auto& log_reader = subscribe(std::make_shared<Probe<dova::dova_msgs::Log>>(
+          [logs_read](const std::shared_ptr<const dova::dova_msgs::Log>&) { ++*logs_read; }));
       auto strays = std::make_shared<Inbox>();
-      auto& stray = subscribe(std::make_shared<ProbeSubscriber>(strays, dova::msgs::kLogTopic));
+      auto& stray = subscribe(std::make_shared<Probe<>>(collect(strays), dova::msgs::kLogTopic));
       // Another version of the type, latched: refused by its checksum, replay included,
       // where the subscription negotiates (mode 2 only).
       auto others = std::make_shared<Inbox>();
-      auto other_version = std::make_shared<ProbeSubscriber>(others);
+      auto other_version = std::make_shared<Probe<>>(collect(others));
       other_version->msg_md5 = "0123456789abcdef0123456789abcdef";
       subscribe(other_version, true);
       EXPECT_EQ(other_version->negotiated(), mode == 2);
       auto inbox = std::make_shared<Inbox>();
-      auto& probe = subscribe(std::make_shared<ProbeSubscriber>(inbox));
+      auto& probe = subscribe(collect(inbox));
 
       korcommon::Diagnostics::publish("knee", "knee_link", 12, 2, "stalled\n\"hot\"");
       korcommon::Diagnostics::publish("hip", 0, 0, "");
@@ -289,13 +285,9 @@ TEST_F(Diagnostics, EveryModeDeliversEveryFieldInOrderWhateverOtherSubscribersDo
       record->msg = "a log record on its own topic";
       dova::nh()->log(record);
       ASSERT_TRUE(inbox->waitFor(2));
-      const dova::SubscriberBase* others_served[] = {&thrower, &log_reader, &stray,
-                                                     other_version.get()};
-      for (const dova::SubscriberBase* other : others_served) {
-        ASSERT_TRUE(drainPool(*other));
-      }
+      ASSERT_TRUE(drainPools({&thrower, &log_reader, &stray, other_version.get()}));
       const std::vector<Arrival> arrivals = inbox->items();
-      ASSERT_EQ(namesIn(*inbox), (std::vector<std::string>{"knee", "hip"})) << "in order";
+      ASSERT_EQ(namesIn(arrivals), (std::vector<std::string>{"knee", "hip"})) << "in order";
       const DiagnosticValue& knee = *arrivals[0].value;
       EXPECT_EQ(knee.header.frame_id + " " + std::to_string(knee.code) + " " +
                     std::to_string(knee.level) + " " + knee.message,
@@ -309,8 +301,9 @@ TEST_F(Diagnostics, EveryModeDeliversEveryFieldInOrderWhateverOtherSubscribersDo
       }
       EXPECT_EQ(probe.frames.load(), intra_process ? 0 : 2);
       EXPECT_EQ(probe.messages.load(), intra_process ? 2 : 0);
-      EXPECT_EQ(namesIn(*others), (mode == 2 ? std::vector<std::string>{}
-                                             : std::vector<std::string>{"elbow", "knee", "hip"}));
+      EXPECT_EQ(namesIn(others->items()),
+                (mode == 2 ? std::vector<std::string>{}
+                           : std::vector<std::string>{"elbow", "knee", "hip"}));
       EXPECT_EQ(thrown->load(), 2) << "a subscriber that threw still gets the next one";
       EXPECT_EQ(trace.count(dova::ERROR, "deliver", "sensor table corrupt"), 1u);
       EXPECT_EQ(trace.count(dova::ERROR, "deliver", "non-standard"), 1u);
@@ -328,36 +321,6 @@ TEST_F(Diagnostics, EveryModeDeliversEveryFieldInOrderWhateverOtherSubscribersDo
   }
 }
 
-TEST_F(Diagnostics, BoundedQueueDropsTheOldestWaitingDelivery) {
-  start("monitor", 1);
-  auto entered = std::make_shared<Signal>();
-  auto release = std::make_shared<Signal>();
-  auto bounded = std::make_shared<Inbox>();
-  subscribe<DiagnosticValue>(
-      [entered, release, store = collect(bounded)](const DiagnosticValue& value) {
-        store(std::make_shared<DiagnosticValue>(value));
-        if (entered->size() == 0) {
-          entered->add(true);
-          EXPECT_TRUE(release->waitFor(1));
-        }
-      },
-      false, 2);
-  auto unbounded = std::make_shared<Inbox>();
-  subscribe(std::make_shared<ProbeSubscriber>(unbounded));
-  korcommon::Diagnostics::publish("r0", 0, 0, "");
-  ASSERT_TRUE(entered->waitFor(1));
-  // The pool is busy with r0, so these wait in a queue of two.
-  for (int index = 1; index <= 5; ++index) {
-    korcommon::Diagnostics::publish("r" + std::to_string(index), index, 0, "");
-  }
-  release->add(true);
-  ASSERT_TRUE(bounded->waitFor(3));
-  ASSERT_TRUE(unbounded->waitFor(6));
-  EXPECT_EQ(namesIn(*unbounded), (std::vector<std::string>{"r0", "r1", "r2", "r3", "r4", "r5"}));
-  EXPECT_FALSE(bounded->waitFor(4, 200ms));
-  EXPECT_EQ(namesIn(*bounded), (std::vector<std::string>{"r0", "r4", "r5"}));
-}
-
 TEST_F(Diagnostics, LatchedJoinerNeverSeesTheReplayedStateAfterANewerReport) {
   // Mode 0 replays the latched state on the joining thread while publishers already
   // deliver to the new subscription: a newer report must not arrive before the older state.
@@ -370,8 +333,8 @@ TEST_F(Diagnostics, LatchedJoinerNeverSeesTheReplayedStateAfterANewerReport) {
   int attempt = 0;
   for (; attempt < 1000; ++attempt) {
     auto codes = std::make_shared<korcommon::testing::Inbox<int>>();
-    auto& joiner = subscribe<DiagnosticValue>(
-        [codes](const DiagnosticValue& value) { codes->add(value.code); }, true);
+    auto& joiner =
+        subscribe([codes](const DiagnosticValuePtr& value) { codes->add(value->code); }, true);
     // No ASSERT while the publisher runs: leaving early would skip its join.
     if (!codes->waitFor(3)) break;
     joiner.setEnabled(false);  // keeps later attempts fast; it stays registered
@@ -390,8 +353,8 @@ TEST_F(Diagnostics, ShutdownWaitsForDeliveriesInFlightAndStartsNoMore) {
     start("monitor", mode);
     auto started = std::make_shared<korcommon::testing::Inbox<int>>();
     auto finished = std::make_shared<Signal>();
-    subscribe<DiagnosticValue>([started, finished](const DiagnosticValue& value) {
-      started->add(value.code);
+    subscribe([started, finished](const DiagnosticValuePtr& value) {
+      started->add(value->code);
       std::this_thread::sleep_for(300ms);  // a slow callback, on purpose
       finished->add(true);
     });
@@ -407,12 +370,42 @@ TEST_F(Diagnostics, ShutdownWaitsForDeliveriesInFlightAndStartsNoMore) {
     EXPECT_FALSE(started->waitFor(delivered + 1, 500ms)) << "a delivery started after shutdown";
     EXPECT_LT(started->size(), 5u) << "the pending deliveries were dropped";
   }
+
+  // A bounded queue drops the oldest waiting delivery.
+  start("stopping_node", 1);
+  auto entered = std::make_shared<Signal>();
+  auto release = std::make_shared<Signal>();
+  auto bounded = std::make_shared<Inbox>();
+  subscribe(
+      [entered, release, store = collect(bounded)](const DiagnosticValuePtr& value) {
+        store(value);
+        if (entered->size() == 0) {
+          entered->add(true);
+          EXPECT_TRUE(release->waitFor(1));
+        }
+      },
+      false, 2);
+  auto unbounded = std::make_shared<Inbox>();
+  subscribe(collect(unbounded));
+  korcommon::Diagnostics::publish("r0", 0, 0, "");
+  ASSERT_TRUE(entered->waitFor(1));
+  // The pool is busy with r0, so these wait in a queue of two.
+  for (int index = 1; index <= 5; ++index) {
+    korcommon::Diagnostics::publish("r" + std::to_string(index), index, 0, "");
+  }
+  release->add(true);
+  ASSERT_TRUE(bounded->waitFor(3));
+  ASSERT_TRUE(unbounded->waitFor(6));
+  EXPECT_EQ(namesIn(unbounded->items()),
+            (std::vector<std::string>{"r0", "r1", "r2", "r3", "r4", "r5"}));
+  EXPECT_FALSE(bounded->waitFor(4, 200ms));
+  EXPECT_EQ(namesIn(bounded->items()), (std::vector<std::string>{"r0", "r4", "r5"}));
+
   // A subscriber that stops the middleware from its own pool's thread: the pool must not
   // wait for the very delivery that destroys it, so no blocked warning.
-  start("stopping_node", 1);
   const TraceCapture trace;
   auto stopped = std::make_shared<Signal>();
-  subscribe<DiagnosticValue>([stopped](const DiagnosticValue&) {
+  subscribe([stopped](const DiagnosticValuePtr&) {
     dova::shutdown();
     stopped->add(true);
   });
