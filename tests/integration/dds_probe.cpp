@@ -35,21 +35,12 @@
 #include <vector>
 
 #include "frame.h"
+#include "threads.h"
 
 namespace {
 
 using dova::diagnostic_msgs::DiagnosticValue;
 using dova::msgs::kFramePrefixSize;
-
-// Polls `ready` for up to 30 s.
-template <typename Ready>
-bool waitUntil(Ready ready) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!ready() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return ready();
-}
 
 int raw(const std::string& node, const std::vector<std::string>& kinds) {
   const char* domain_text = std::getenv("DOVA_DOMAIN_ID");
@@ -66,7 +57,7 @@ int raw(const std::string& node, const std::vector<std::string>& kinds) {
   const dds_entity_t writer = dds_create_writer(participant, topic, qos, nullptr);
   dds_delete_qos(qos);
   dds_publication_matched_status_t matched{};
-  if (writer < 0 || !waitUntil([&] {
+  if (writer < 0 || !korcommon::testing::pollUntil([&] {
         dds_get_publication_matched_status(writer, &matched);
         return matched.current_count > 0;
       })) {
@@ -134,7 +125,7 @@ int main(int argc, char** argv) {
     std::printf("ready\n");
   } else if (publish) {
     const long count = std::atol(args[2].c_str());
-    if (!waitUntil([&] {
+    if (!korcommon::testing::pollUntil([&] {
           return dova::remoteSubscriberCount(dova::msgs::kDiagnosticsTopic) >= std::stoi(args[4]);
         })) {
       return 3;
