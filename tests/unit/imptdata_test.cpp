@@ -30,9 +30,7 @@ const std::string kDirectory = "/opt/quor/imptdata/";
 std::string modesOf(const std::vector<std::string>& names) {
   std::ostringstream modes;
   for (const std::string& name : names) {
-    struct stat status {};
-    EXPECT_EQ(stat((kDirectory + name).c_str(), &status), 0) << name;
-    modes << std::oct << (status.st_mode & 07777) << " ";
+    modes << std::oct << static_cast<unsigned>(fs::status(kDirectory + name).permissions()) << " ";
   }
   return modes.str();
 }

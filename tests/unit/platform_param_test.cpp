@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,7 +59,7 @@ TEST(Param, ValuesComeBackExactlyAndBadFilesThrowNamingThePath) {
   // here the key's place, the file's mode, and what the Param itself and a new reader see.
   const std::string file = kDirectory + "mixed.yaml";
   writeFile(file, "name: robot\nnested: {a: 1}\nsn: old\nlast: 1\n");
-  ASSERT_EQ(chmod(file.c_str(), 0777), 0);
+  fs::permissions(file, fs::perms::all);
   dova::Param param(file);
   for (const std::string stored : {"~", "null", "yes", "12", "0x1F", "- a", "a: b", "#x", "",
                                    " lead", "trail ", "line\nfeed", "\"quo\"", "tab\t", "ü→✓"}) {
@@ -72,9 +71,7 @@ TEST(Param, ValuesComeBackExactlyAndBadFilesThrowNamingThePath) {
     EXPECT_THAT(readFile(file), MatchesRegex("name: robot\nnested: \\{a: 1\\}\nsn: .*\nlast: 1\n"))
         << stored;
   }
-  struct stat status {};
-  ASSERT_EQ(stat(file.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0777u);
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::all);
 
   // A list or a scalar, not a mapping, and syntax errors, one after a good line.
   for (const std::string content :
