@@ -24,16 +24,11 @@ using dova::diagnostic_msgs::DiagnosticValue;
 using korcommon::testing::ChildProcess;
 using namespace std::chrono_literals;
 
-struct Received {
-  std::string caller_id;
-  std::string name;
-  int code;
-};
-using Inbox = korcommon::testing::Inbox<Received>;
+using Inbox = korcommon::testing::Inbox<DiagnosticValue>;
 
-size_t countFrom(const std::vector<Received>& all, const std::string& prefix) {
+size_t countFrom(const std::vector<DiagnosticValue>& all, const std::string& prefix) {
   size_t count = 0;
-  for (const Received& report : all) count += report.caller_id.rfind(prefix, 0) == 0;
+  for (const DiagnosticValue& report : all) count += report.caller_id.rfind(prefix, 0) == 0;
   return count;
 }
 
@@ -49,12 +44,9 @@ class DdsTransport : public ::testing::Test {
     subscriber_.callback_kind = 0;
     subscriber_.callback_ref = [inbox = inbox_, then = then_](const DiagnosticValue& value) {
       if (then) then();
-      inbox->add({value.caller_id, value.name, value.code});
+      inbox->add(value);
     };
     ASSERT_TRUE(dova::nh()->subscribe(subscriber_, latched, true, -1));
-  }
-  static std::unique_ptr<ChildProcess> probe(const std::vector<std::string>& arguments) {
-    return std::make_unique<ChildProcess>(DDS_PROBE, arguments);
   }
 
   std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
@@ -66,19 +58,20 @@ class DdsTransport : public ::testing::Test {
 
 TEST_F(DdsTransport, LateJoinerGetsTheLatestPerNameAndNoMalformedOrForeignSample) {
   // 30 reports each over three names, before anybody listens.
-  auto alpha = probe({"publish", "alpha", "30", "3", "0"});
-  auto beta = probe({"publish", "beta", "30", "3", "0"});
-  ASSERT_TRUE(alpha->waitForOutput("published 30")) << alpha->errors();
-  ASSERT_TRUE(beta->waitForOutput("published 30")) << beta->errors();
+  ChildProcess alpha(DDS_PROBE, {"publish", "alpha", "30", "3", "0"});
+  ChildProcess beta(DDS_PROBE, {"publish", "beta", "30", "3", "0"});
+  ASSERT_TRUE(alpha.waitForOutput("published 30")) << alpha.errors();
+  ASSERT_TRUE(beta.waitForOutput("published 30")) << beta.errors();
   korcommon::testing::TraceCapture capture;
   // Hand-made samples, written once the joiner is there; only the last is sound.
-  auto raw = probe({"raw", "crafter", "truncated", "overlong", "short", "md5", "md5", "good"});
+  ChildProcess raw(DDS_PROBE,
+                   {"raw", "crafter", "truncated", "overlong", "short", "md5", "md5", "good"});
   join(2, true);
   // Samples of one writer arrive in order: once the last is in, the others were handled.
-  ASSERT_TRUE(inbox_->waitFor(7)) << raw->errors();
+  ASSERT_TRUE(inbox_->waitFor(7)) << raw.errors();
   EXPECT_FALSE(inbox_->waitFor(8, 1s)) << "anything beyond the state would come right behind it";
   std::vector<std::string> latest;
-  for (const Received& report : inbox_->items()) {
+  for (const DiagnosticValue& report : inbox_->items()) {
     latest.push_back(report.name + " " + report.caller_id + " " + std::to_string(report.code));
   }
   std::sort(latest.begin(), latest.end());
@@ -92,21 +85,22 @@ TEST_F(DdsTransport, LateJoinerGetsTheLatestPerNameAndNoMalformedOrForeignSample
 
 TEST_F(DdsTransport, ReportsArriveInOrderPerPublisherAndAKilledOneBreaksNothing) {
   join(1, false);
-  auto victim = probe({"publish", "victim", "1000000", "1", "1"});
+  ChildProcess victim(DDS_PROBE, {"publish", "victim", "1000000", "1", "1"});
   ASSERT_TRUE(inbox_->waitUntil([](const auto& all) { return countFrom(all, "victim") >= 2000; }));
-  victim->signal(SIGKILL);
-  victim->wait();
+  victim.signal(SIGKILL);
+  victim.wait();
   constexpr size_t kReports = 2000;
   std::vector<std::unique_ptr<ChildProcess>> publishers;
   for (const char* node : {"pub0", "pub1", "pub2"}) {
-    publishers.push_back(probe({"publish", node, std::to_string(kReports), "3", "1"}));
+    publishers.push_back(std::make_unique<ChildProcess>(
+        DDS_PROBE, std::vector<std::string>{"publish", node, std::to_string(kReports), "3", "1"}));
   }
   ASSERT_TRUE(inbox_->waitUntil([](const auto& all) {
     return countFrom(all, "pub") == 3 * kReports;
   })) << countFrom(inbox_->items(), "pub");
   // Every publisher's codes count up from 0 without a gap; the victim's stop anywhere.
   std::map<std::string, int> next_code;
-  for (const Received& report : inbox_->items()) {
+  for (const DiagnosticValue& report : inbox_->items()) {
     EXPECT_EQ(report.code, next_code[report.caller_id]++) << "from " << report.caller_id;
   }
   EXPECT_EQ(next_code.size(), 4u);
@@ -114,8 +108,8 @@ TEST_F(DdsTransport, ReportsArriveInOrderPerPublisherAndAKilledOneBreaksNothing)
 
 TEST_F(DdsTransport, AModeZeroCallbackThatPublishesLosesNothing) {
   join(1, false);
-  auto echo = probe({"echo", "echo"});
-  ASSERT_TRUE(echo->waitForOutput("ready")) << echo->errors();
+  ChildProcess echo(DDS_PROBE, {"echo", "echo"});
+  ASSERT_TRUE(echo.waitForOutput("ready")) << echo.errors();
   for (int attempt = 0; attempt < 300 && !inbox_->waitFor(1, 100ms); ++attempt) {
     korcommon::Diagnostics::publish("hello", 0, 0, "");  // until the two have found each other
   }
@@ -125,20 +119,20 @@ TEST_F(DdsTransport, AModeZeroCallbackThatPublishesLosesNothing) {
   for (size_t code = 0; code < kReports; ++code) {
     korcommon::Diagnostics::publish("burst", static_cast<int>(code), 0, std::string(200, 'x'));
   }
-  const auto echoes = [](const std::vector<Received>& all) {
-    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [](const Received& report) {
-      return report.name == "echo/burst";
-    }));
+  const auto echoes = [](const std::vector<DiagnosticValue>& all) {
+    return static_cast<size_t>(
+        std::count_if(all.begin(), all.end(),
+                      [](const DiagnosticValue& report) { return report.name == "echo/burst"; }));
   };
   EXPECT_TRUE(inbox_->waitUntil([&](const auto& all) { return echoes(all) == kReports; }))
-      << echoes(inbox_->items()) << " echoes; " << echo->errors();
+      << echoes(inbox_->items()) << " echoes; " << echo.errors();
 }
 
 TEST_F(DdsTransport, AModeZeroCallbackMayShutTheNodeDown) {
   then_ = [] { dova::shutdown(); };  // on the thread that received the report
   join(0, false);
-  auto publisher = probe({"publish", "pub0", "1000000", "1", "1"});
-  ASSERT_TRUE(inbox_->waitFor(1)) << publisher->errors();
+  ChildProcess publisher(DDS_PROBE, {"publish", "pub0", "1000000", "1", "1"});
+  ASSERT_TRUE(inbox_->waitFor(1)) << publisher.errors();
   EXPECT_FALSE(inbox_->waitFor(2, 1s)) << "no delivery after the shutdown";
   EXPECT_FALSE(dova::nh()->ok());
 }
