@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/mount.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -105,8 +104,7 @@ TEST_F(CliDiag, LateJoinersGetTheLatestStateOfLiveReportersFilteredAndInOrder) {
     child->signal(number);
     EXPECT_EQ(child->wait(), 0) << child->errors();
   }
-  const std::string warnings = warn->output();
-  EXPECT_GT(std::count(warnings.begin(), warnings.end(), '\n'), 20);
+  EXPECT_NE(warn->output().find("\npublished #21: s/warn"), std::string::npos) << "every 0.1 s";
   EXPECT_EQ(quiet->output(), "published #1: s/quiet OK [12] published once\n");
 }
 
@@ -146,9 +144,7 @@ TEST_F(CliDiag, DoctorFailsWithoutASerialNumberAndIsReadyWithOne) {
 // headless Chromium by web_page_check.mjs. Skipped, with the reason, where Node.js, Chromium or
 // puppeteer-core cannot be had.
 TEST_F(CliDiag, WebPageShowsTheRobotInOrderLiveAndAsText) {
-  if (std::string(NODE).empty() || std::string(CHROMIUM).empty()) {
-    GTEST_SKIP() << "Node.js or Chromium is not installed";
-  }
+  if (!*NODE || !*CHROMIUM) GTEST_SKIP() << "Node.js or Chromium is not installed";
   // The robot is up before the dashboard, whose page must show its latched state at once.
   auto battery = publisher({"beta/battery", "error", "2", "12 % left", "--rate", "5"});
   auto motor =

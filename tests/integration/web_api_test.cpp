@@ -78,10 +78,8 @@ TEST_F(WebApi, AnswersTheRequestsOfTheTableWithAndWithoutAToken) {
   state_.addReport(report("c/error", 2, "hot", "node_b"));
   state_.addReport(report("c/error", 2, "hot", "node_a"));
   state_.addReport(report("d/late", 2, "one reporter too many: dropped"));
-  state_.addReport(report("a/warn", 1,
-                          "line\x01"
-                          "break"));    // replaces the first a/warn, still followed
-  state_.addRecord(record(8, "lost"));  // the ring holds the latest three
+  state_.addReport(report("a/warn", 1, "line\001break"));  // replaces the first, still followed
+  state_.addRecord(record(8, "lost"));                     // the ring holds the latest three
   state_.addRecord(record(4, "warn"));
   state_.addRecord(record(8, "error <b>x</b>"));
   state_.addRecord(record(2, "info"));

@@ -44,16 +44,15 @@ TEST(Readme, EveryStepWorksAsWritten) {
   std::istringstream page(korcommon::testing::readFile(KORCOMMON_README));
   // A shell block runs unless the line before it is "<!-- readme-test: not run ... -->"; a
   // program is saved as the file its first line names: "// NAME: ..." or "# NAME".
-  const std::regex first_line(R"((//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?)");
+  const std::regex first_line(R"(^(//|#) ([A-Za-z_]+\.(cpp|txt))(:.*)?\n)");
   for (std::string line, before; std::getline(page, line); before = line) {
     if (line.rfind("```", 0) != 0) continue;
     std::string text;
     for (std::string code; std::getline(page, code) && code != "```";) text += code + '\n';
-    const std::string first = text.substr(0, text.find('\n'));
     std::smatch name;
     if (line == "```sh") {
       if (before.rfind("<!-- readme-test: not run", 0) != 0) script += text;
-    } else if (std::regex_match(first, name, first_line)) {
+    } else if (std::regex_search(text, name, first_line)) {
       std::ofstream(home.path() / name[2].str()) << text;
     } else {
       ADD_FAILURE() << "a " << line << " block names no file:\n" << text;
@@ -77,10 +76,8 @@ TEST(Readme, EveryStepWorksAsWritten) {
   };
   for (const auto& [pattern, times] : printed) {
     const std::regex expression(pattern);
-    EXPECT_EQ(std::distance(std::sregex_iterator(out.begin(), out.end(), expression),
-                            std::sregex_iterator()),
-              times)
-        << pattern << "\n"
+    EXPECT_EQ(std::distance(std::sregex_iterator(out.begin(), out.end(), expression), {}), times)
+        << pattern << '\n'
         << out;
   }
 }

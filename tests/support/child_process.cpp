@@ -15,18 +15,7 @@ extern char** environ;
 
 namespace korcommon::testing {
 
-namespace {
-
-// Checks `done` every 20 ms until it holds or `timeout` has passed.
-template <typename Done>
-void pollUntil(std::chrono::milliseconds timeout, Done done) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-}
-
-}  // namespace
+using Clock = std::chrono::steady_clock;
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                            const std::string& input) {
@@ -62,21 +51,27 @@ std::string ChildProcess::output() const { return readFile(directory_.path() / "
 std::string ChildProcess::errors() const { return readFile(directory_.path() / "stderr"); }
 
 bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
-  const auto printed = [&] { return output().find(text) != std::string::npos; };
-  pollUntil(timeout, [&] {
+  const auto deadline = Clock::now() + timeout;
+  for (;;) {
+    if (output().find(text) != std::string::npos) return true;
+    if (pid_ <= 0 || reaped_ || Clock::now() >= deadline) return false;
     // WNOWAIT leaves the ended child to wait(); waitpid() would refuse the flag.
     siginfo_t ended{};
-    return printed() || pid_ <= 0 || reaped_ ||
-           (waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            ended.si_pid == pid_);
-  });
-  return printed();  // one last look when the child ended
+    if (waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        ended.si_pid == pid_) {
+      return output().find(text) != std::string::npos;  // ended: one last look
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
-  pollUntil(timeout, [this] {
-    return pid_ <= 0 || reaped_ || (reaped_ = waitpid(pid_, &wait_status_, WNOHANG) == pid_);
-  });
+  const auto deadline = Clock::now() + timeout;
+  while (pid_ > 0 && !reaped_) {
+    reaped_ = waitpid(pid_, &wait_status_, WNOHANG) == pid_;
+    if (!reaped_ && Clock::now() >= deadline) return -1;
+    if (!reaped_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
   return reaped_ && WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
 }
 

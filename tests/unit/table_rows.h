@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,19 +19,16 @@ namespace korcommon::testing {
 inline std::vector<std::vector<std::string>> tableRows(const std::string& name, size_t fields) {
   std::istringstream text(readFile(std::string(KORCOMMON_TEST_DATA_DIR) + "/" + name));
   EXPECT_FALSE(text.str().empty()) << name;
+  const std::regex separator(" \\| ");
   std::vector<std::vector<std::string>> rows;
   for (std::string line; std::getline(text, line);) {
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> row(1);
-    for (size_t at = 0; at < line.size(); ++at) {
-      if (line.compare(at, 3, " | ") == 0) {
-        row.emplace_back();
-        at += 2;
-      } else if (line.compare(at, 2, "\\x") == 0 && at + 3 < line.size()) {
-        row.back() += static_cast<char>(std::stoi(line.substr(at + 2, 2), nullptr, 16));
-        at += 3;
-      } else {
-        row.back() += line[at];
+    std::vector<std::string> row;
+    for (std::sregex_token_iterator field(line.begin(), line.end(), separator, -1), end;
+         field != end; ++field) {
+      std::string& value = row.emplace_back(*field);
+      for (size_t at = 0; (at = value.find("\\x", at)) != std::string::npos; ++at) {
+        value.replace(at, 4, 1, static_cast<char>(std::stoi(value.substr(at + 2, 2), nullptr, 16)));
       }
     }
     EXPECT_EQ(row.size(), fields) << name << ": " << line;
