@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -53,7 +52,7 @@ TEST(Readme, EveryStepWorksAsWritten) {
     if (line == "```sh") {
       if (before.rfind("<!-- readme-test: not run", 0) != 0) script += text;
     } else if (std::regex_search(text, name, first_line)) {
-      std::ofstream(home.path() / name[2].str()) << text;
+      korcommon::testing::writeFile(home.path() / name[2].str(), text);
     } else {
       ADD_FAILURE() << "a " << line << " block names no file:\n" << text;
     }
