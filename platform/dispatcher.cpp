@@ -282,7 +282,13 @@ void Dispatcher::publish(const std::string& topic, std::shared_ptr<const Msg> me
   std::shared_ptr<const std::vector<uint8_t>> replaced_frame;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    Topic& state = topics_[topic];
+    LastPublication& last = last_publication_;
+    if (last.state == nullptr || *last.topic != topic || *last.latch_key != latch_key) {
+      auto& [topic_name, topic_state] = *topics_.try_emplace(topic).first;
+      auto& [key, latest] = *topic_state.latched.try_emplace(latch_key).first;
+      last = LastPublication{&topic_name, &key, &topic_state, &latest};
+    }
+    Topic& state = *last.state;
     // Type and checksum are constants of a message class: they are asked for
     // again only when a message of another class is published here.
     if (state.origin_class != &message_class &&
@@ -292,7 +298,7 @@ void Dispatcher::publish(const std::string& topic, std::shared_ptr<const Msg> me
       state.origin_class = &message_class;
     }
     // The publication becomes the latched state, updated in place.
-    Delivery& latched = state.latched[latch_key];
+    Delivery& latched = *last.latched;
     if (latched.origin != state.origin) latched.origin = state.origin;
     replaced_message = std::exchange(latched.message, std::move(shared));
     replaced_frame = std::exchange(latched.frame, std::move(frame));
@@ -323,6 +329,7 @@ void Dispatcher::stop() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     topics.swap(topics_);
+    last_publication_ = LastPublication();
   }
   // Deliveries still queued hold their messages: free them now, as the
   // subscriptions themselves may live on in the transport's handlers.

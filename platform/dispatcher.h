@@ -105,8 +105,20 @@ class Dispatcher {
   const bool remote_;                   // whether the transport reaches other processes
   std::shared_ptr<DeliveryGate> gate_;  // shared with queued tasks and transport handlers
 
-  std::mutex mutex_;  // guards topics_
+  // Where the last publication went. A node publishes on the same few topics
+  // over and over, and comparing two names costs less than searching both
+  // maps for them. The entries stay where they are until stop() empties the
+  // map, which forgets them here too.
+  struct LastPublication {
+    const std::string* topic = nullptr;      // the key of `state` in topics_
+    const std::string* latch_key = nullptr;  // the key of `latched` in state->latched
+    Topic* state = nullptr;
+    Delivery* latched = nullptr;
+  };
+
+  std::mutex mutex_;  // guards topics_ and last_publication_
   std::map<std::string, Topic> topics_;
+  LastPublication last_publication_;
 };
 
 }  // namespace dova::platform
