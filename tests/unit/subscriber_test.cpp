@@ -26,19 +26,12 @@ using dova::diagnostic_msgs::DiagnosticValue;
 using DiagnosticSubscriber = dova::Subscriber<DiagnosticValue>;
 using DiagnosticValuePtr = std::shared_ptr<const DiagnosticValue>;
 
-std::vector<uint8_t> encoded(const DiagnosticValue& value) {
-  std::vector<uint8_t> bytes(static_cast<size_t>(value.serializedLength()));
-  value.serialize(bytes.data(), value.serializedLength());
-  return bytes;
-}
-
 // A frame as the transport delivers it: `sender` NUL-padded or cut to the 32-byte prefix,
-// then the encoding, and not one byte more.
-std::vector<uint8_t> frameOf(const std::string& sender, const DiagnosticValue& value) {
-  std::vector<uint8_t> frame(32, 0);
+// then the encoding of `value`, and not one byte more.
+std::vector<uint8_t> frameOf(const DiagnosticValue& value, const std::string& sender = "") {
+  std::vector<uint8_t> frame(32 + static_cast<size_t>(value.serializedLength()), 0);
   std::memcpy(frame.data(), sender.data(), std::min<size_t>(sender.size(), 32));
-  const std::vector<uint8_t> message = encoded(value);
-  frame.insert(frame.end(), message.begin(), message.end());
+  value.serialize(frame.data() + 32, value.serializedLength());
   return frame;
 }
 
@@ -81,7 +74,7 @@ TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
 
     // Frames: decoded from byte 32 on, the caller id is the prefix up to its first NUL.
     for (const std::string& sender : {std::string("front_left_leg"), std::string(40, 'x')}) {
-      std::vector<uint8_t> frame = frameOf(sender, sent);
+      std::vector<uint8_t> frame = frameOf(sent, sender);
       sub.callback(frame.data(), static_cast<int>(frame.size()));
       std::fill(frame.begin(), frame.end(), uint8_t{0xAA});  // the frame is gone
     }
@@ -92,7 +85,7 @@ TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
     sub.intraProcess(message);
     // Disabled, neither entry calls anything.
     sub.setEnabled(false);
-    std::vector<uint8_t> frame = frameOf("node", sent);
+    std::vector<uint8_t> frame = frameOf(sent, "node");
     sub.callback(frame.data(), static_cast<int>(frame.size()));
     sub.intraProcess(message);
 
@@ -104,7 +97,7 @@ TEST(Subscriber, EachKindCallsItsOwnSlotWithFramesAndSharedMessages) {
     const std::string callers[] = {"front_left_leg", std::string(32, 'x'), "same_process"};
     for (size_t i = 0; i < calls.size(); ++i) {
       EXPECT_EQ(calls[i].slot, kind);
-      EXPECT_EQ(encoded(calls[i].value), encoded(sent));
+      EXPECT_EQ(frameOf(calls[i].value), frameOf(sent));
       EXPECT_EQ(calls[i].value.caller_id, callers[i]);
       EXPECT_EQ(calls[i].self, kind % 2 == 1 ? &sub : nullptr);
     }

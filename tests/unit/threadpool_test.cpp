@@ -97,8 +97,6 @@ TEST(ThreadPool, RunsTasksOfManyPostersInOrderOnOneThread) {
   EXPECT_EQ(workers.count(std::this_thread::get_id()), 0u);
 }
 
-double wallSeconds() { return dova::Time::WallTime().toSec(); }
-
 // Keeps the worker busy for `ms` of the middleware clock, the one the pool times tasks with.
 void spendMilliseconds(double ms) {
   const dova::Time start = dova::Time::now();
@@ -160,7 +158,7 @@ TEST(ThreadPool, ReportsSlowTasksOnceASecondAndDestroyingDropsPendingTasks) {
   first.post([] {});
   first.post([] {});
   first.post([done] { done->add(true); });
-  const double released = wallSeconds();  // the report comes 50 ms or more later
+  const double released = dova::Time::WallTime().toSec();  // the report comes 50 ms or more later
   queued->add(true);
   ASSERT_TRUE(done->waitFor(1));
   std::vector<std::string> reports = slowReports(capture);
@@ -171,7 +169,8 @@ TEST(ThreadPool, ReportsSlowTasksOnceASecondAndDestroyingDropsPendingTasks) {
   // Within the same second, from another pool and from the same one: no report.
   runOn(second, [] { spendMilliseconds(60.0); });
   runOn(first, [] { spendMilliseconds(60.0); });
-  ASSERT_LT(wallSeconds() - released, 0.95) << "the machine is too slow for this case";
+  ASSERT_LT(dova::Time::WallTime().toSec() - released, 0.95)
+      << "the machine is too slow for this case";
   EXPECT_EQ(slowReports(capture).size(), before + 1);
 
   ::testing::internal::CaptureStdout();
