@@ -33,9 +33,7 @@ int main(int argc, char** argv) {
   }
   if (inputs.empty() ||
       std::any_of(argv + 1, argv + argc, [](const char* name) { return !fs::exists(name); })) {
-    std::fprintf(stderr,
-                 "usage: %s CORPUS_DIRECTORY_OR_FILE... (each present, one file at least)\n",
-                 argv[0]);
+    std::fprintf(stderr, "usage: %s FILE_OR_DIR... (all present, one file at least)\n", argv[0]);
     return 1;
   }
   // A fixed order, so that a failure reproduces run after run.

@@ -38,8 +38,7 @@ using dova::json::Writer;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 
-template <typename ElementT>
-std::string write(const ElementT& element, bool indented = false) {
+std::string write(const UnknownElement& element, bool indented = false) {
   std::ostringstream stream;
   Writer::Write(element, stream, indented);
   return stream.str();
@@ -123,15 +122,15 @@ TEST(JsonReader, AddsToTheTargetAndKeepsWhatWasReadBeforeAnError) {
 }
 
 TEST(JsonReader, RefusesNestingDeeperThan512Levels) {
-  const auto nested = [](int levels, const std::string& innermost) {
-    std::string text;
-    for (int level = 1; level < levels; ++level) text += level % 2 ? R"({"a":)" : "[";
-    text += innermost;
-    for (int level = levels - 1; level >= 1; --level) text += level % 2 ? "}" : "]";
-    return text;
-  };
-  EXPECT_EQ(read(nested(512, "{}")).substr(0, 10), R"({"a":[{"a")");
-  EXPECT_EQ(read(nested(513, "[]")),
+  // 511 levels, objects and arrays in turn, around a 512th.
+  std::string open;
+  std::string close;
+  for (int level = 1; level < 512; ++level) {
+    open += level % 2 ? R"({"a":)" : "[";
+    close.insert(0, level % 2 ? "}" : "]");
+  }
+  EXPECT_EQ(read(open + "{}" + close).substr(0, 10), R"({"a":[{"a")");
+  EXPECT_EQ(read(open + "[[]]" + close),
             "parse | Nesting deeper than 512 levels at token: [ | 0,1536,1536 0,1537,1537");
   EXPECT_EQ(read(R"({"a":)" + std::string(100000, '[')),
             "parse | Nesting deeper than 512 levels at token: [ | 0,516,516 0,517,517");
