@@ -6,6 +6,7 @@
 #define KORCOMMON_BENCH_RATIO_REPORTER_H_
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <map>
@@ -23,7 +24,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
     std::string ours;
   };
 
-  explicit RatioReporter(std::vector<Pair> pairs) : pairs_(std::move(pairs)) {}
+  // Coloured on a terminal only, so that a report piped to a file or a script stays plain
+  // text.
+  explicit RatioReporter(std::vector<Pair> pairs)
+      : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_ColorTabular : OO_Tabular),
+        pairs_(std::move(pairs)) {}
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
@@ -42,9 +47,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const auto ours = medians_.find(pair.ours);
       if (peer == medians_.end() || ours == medians_.end()) continue;
       if (ours->second.real <= 0 || ours->second.cpu <= 0) continue;
-      std::printf("ratio %s (%s / %s, medians): real time %.2f, CPU time %.2f\n",
-                  pair.label.c_str(), pair.peer.c_str(), pair.ours.c_str(),
-                  peer->second.real / ours->second.real, peer->second.cpu / ours->second.cpu);
+      char line[256];
+      std::snprintf(line, sizeof line,
+                    "ratio %s (%s / %s, medians): real time %.2f, CPU time %.2f\n",
+                    pair.label.c_str(), pair.peer.c_str(), pair.ours.c_str(),
+                    peer->second.real / ours->second.real, peer->second.cpu / ours->second.cpu);
+      GetOutputStream() << line;
     }
   }
 
