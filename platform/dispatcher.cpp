@@ -7,6 +7,7 @@
 #include <exception>
 #include <iterator>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "dova/msgs/frame_check.h"
@@ -91,19 +92,50 @@ bool holdDuringReplay(Subscription& subscription, const Delivery& delivery) {
   return true;
 }
 
+// Whether a delivery arrives in `subscription`'s queue within `linger`,
+// watched for without sleeping. A pool thread that went to sleep would need
+// a wake-up through the kernel for the next delivery, which costs more than
+// the delivery itself when reports come one after another. The watch yields
+// the processor to any thread that wants it, and ends early when a yield
+// came back late: then the processors are busy, and the watch would only
+// take time from others.
+bool awaitDelivery(Subscription& subscription, const DeliveryGate& gate,
+                   std::chrono::microseconds linger) {
+  constexpr auto kLateYield = std::chrono::microseconds(50);
+  auto now = std::chrono::steady_clock::now();
+  const auto give_up = now + linger;
+  while (!gate.closed() && now < give_up) {
+    std::this_thread::yield();
+    const auto yielded = std::chrono::steady_clock::now();
+    if (yielded - now > kLateYield) return false;
+    now = yielded;
+    const std::lock_guard<std::mutex> lock(subscription.mutex);
+    if (!subscription.queue.empty()) return true;
+  }
+  return false;
+}
+
 // The pool's task: hands the queued deliveries over in order until the queue
 // is empty, or until it has run for a while, then posts itself again so that
-// the pool's report of slow tasks keeps pointing at slow subscribers.
+// the pool's report of slow tasks keeps pointing at slow subscribers. An
+// empty queue is watched a little longer before the task ends: while it
+// runs, publishers append without waking the pool.
 void drain(const std::shared_ptr<Subscription>& subscription,
            const std::shared_ptr<DeliveryGate>& gate) {
   constexpr auto kTurn = std::chrono::milliseconds(5);
+  constexpr auto kLinger = std::chrono::microseconds(100);
   const auto turn_end = std::chrono::steady_clock::now() + kTurn;
   for (;;) {
     const DeliveryPass pass(*gate);
     if (!pass.admitted()) return;
     Delivery next;
     {
-      std::lock_guard<std::mutex> lock(subscription->mutex);
+      std::unique_lock<std::mutex> lock(subscription->mutex);
+      if (subscription->queue.empty()) {
+        lock.unlock();
+        if (awaitDelivery(*subscription, *gate, kLinger)) continue;
+        lock.lock();
+      }
       if (subscription->queue.empty()) {
         subscription->drain_posted = false;
         return;
