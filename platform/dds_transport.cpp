@@ -1,4 +1,5 @@
 #include <dds/dds.h>
+#include <dds/ddsi/ddsi_serdata.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -6,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -92,45 +94,133 @@ struct PendingFrame {
   std::vector<uint8_t> bytes;
 };
 
+// Reads the fields of a frame sample from its serialized form (a 4-byte
+// encoding header, then the fields in declaration order), without decoding
+// it into a sample: the strings and the frame are used where Cyclone keeps
+// them. Cyclone has checked the sample against the type on receipt; the
+// reads are bounded all the same.
+class SampleCursor {
+ public:
+  SampleCursor(const uint8_t* bytes, size_t size) : begin_(bytes), size_(size) {
+    // Encoding identifiers are big-endian; odd ones mark little-endian bodies.
+    constexpr size_t kHeader = 4;
+    if (size_ < kHeader) {
+      failed_ = true;
+      return;
+    }
+    swap_ = ((bytes[1] & 1) != 0) != (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+    begin_ += kHeader;
+    size_ -= kHeader;
+  }
+
+  bool text(std::string_view& value) {
+    uint32_t length = 0;
+    if (!word(length) || length == 0 || length > size_ - offset_ ||
+        begin_[offset_ + length - 1] != 0) {
+      return fail();
+    }
+    value = std::string_view(reinterpret_cast<const char*>(begin_ + offset_), length - 1);
+    offset_ += length;
+    return true;
+  }
+
+  bool octets(const uint8_t*& data, size_t& length) {
+    uint32_t count = 0;
+    if (!word(count) || count > size_ - offset_) return fail();
+    data = begin_ + offset_;
+    length = count;
+    offset_ += count;
+    return true;
+  }
+
+ private:
+  bool word(uint32_t& value) {
+    if (failed_) return false;
+    offset_ = (offset_ + 3) & ~size_t{3};
+    if (offset_ > size_ || size_ - offset_ < 4) return fail();
+    std::memcpy(&value, begin_ + offset_, 4);
+    if (swap_) value = __builtin_bswap32(value);
+    offset_ += 4;
+    return true;
+  }
+  bool fail() {
+    failed_ = true;
+    return false;
+  }
+
+  const uint8_t* begin_;
+  size_t size_;
+  size_t offset_ = 0;
+  bool swap_ = false;
+  bool failed_ = false;
+};
+
 // Hands every frame waiting in `reader` to its handler, in the order they were
 // written. Cyclone's take groups samples by instance (a report's name), which
 // would hand a publisher's reports of different names out of order; so all
 // that waits is taken first, then ordered by the writers' time stamps (a
 // writer's stamps never go back while its clock does not, and samples with
-// equal stamps keep the order of the take).
+// equal stamps keep the order of the take). Samples are taken serialized.
 void deliverWaiting(dds_entity_t entity, Reader& reader) {
   struct Batch {
-    void* samples[kTakeBatch] = {};  // samples[0] null: borrowed from Cyclone
+    ddsi_serdata* samples[kTakeBatch] = {};
     dds_sample_info_t infos[kTakeBatch];
     dds_return_t taken = 0;
+  };
+  struct Waiting {
+    dds_time_t written;
+    ddsi_serdata* sample;
   };
   const std::lock_guard<std::mutex> one_at_a_time(reader.mutex);
   Batch first;  // enough unless a backlog waits
   std::vector<std::unique_ptr<Batch>> more;
-  std::vector<std::pair<dds_time_t, const dova_wire_Frame*>> frames;
+  Waiting inline_frames[kTakeBatch];
+  std::vector<Waiting> spilled;
+  size_t count = 0;
   for (Batch* batch = &first;;) {
-    batch->taken = dds_take(entity, batch->samples, batch->infos, kTakeBatch, kTakeBatch);
+    batch->taken = dds_takecdr(entity, batch->samples, kTakeBatch, batch->infos, DDS_ANY_STATE);
     for (int i = 0; i < batch->taken; ++i) {
       if (!batch->infos[i].valid_data) continue;
-      frames.emplace_back(batch->infos[i].source_timestamp,
-                          static_cast<const dova_wire_Frame*>(batch->samples[i]));
+      const Waiting waiting{batch->infos[i].source_timestamp, batch->samples[i]};
+      if (count < kTakeBatch) {
+        inline_frames[count] = waiting;
+      } else {
+        if (spilled.empty()) spilled.assign(inline_frames, inline_frames + kTakeBatch);
+        spilled.push_back(waiting);
+      }
+      ++count;
     }
     // A frame that arrives from here on calls the listener again.
     if (batch->taken < kTakeBatch) break;
     more.push_back(std::make_unique<Batch>());
     batch = more.back().get();
   }
-  std::stable_sort(frames.begin(), frames.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  for (const auto& entry : frames) {
-    const dova_wire_Frame& frame = *entry.second;
-    reader.handler(frame.md5 == nullptr ? std::string_view() : std::string_view(frame.md5),
-                   frame.data._buffer, frame.data._length);
+  Waiting* frames = spilled.empty() ? inline_frames : spilled.data();
+  std::stable_sort(frames, frames + count,
+                   [](const Waiting& a, const Waiting& b) { return a.written < b.written; });
+  for (size_t i = 0; i < count; ++i) {
+    ddsi_serdata* sample = frames[i].sample;
+    const size_t size = ddsi_serdata_size(sample);
+    ddsrt_iovec_t serialized{};
+    ddsi_serdata* referenced = ddsi_serdata_to_ser_ref(sample, 0, size, &serialized);
+    SampleCursor cursor(static_cast<const uint8_t*>(serialized.iov_base), serialized.iov_len);
+    std::string_view publisher, key, md5;
+    const uint8_t* data = nullptr;
+    size_t length = 0;
+    if (cursor.text(publisher) && cursor.text(key) && cursor.text(md5) &&
+        cursor.octets(data, length)) {
+      reader.handler(md5, data, length);
+    } else {
+      mtrace(WARN, __FILE__, __LINE__, "receive", false,
+             "dropped a sample of %zu bytes that is not a frame", size);
+    }
+    ddsi_serdata_to_ser_unref(referenced, &serialized);
   }
-  if (first.taken > 0) dds_return_loan(entity, first.samples, first.taken);
-  for (const auto& batch : more) {
-    if (batch->taken > 0) dds_return_loan(entity, batch->samples, batch->taken);
-  }
+  const auto release = [](Batch& batch) {
+    for (int i = 0; i < batch.taken; ++i) ddsi_serdata_unref(batch.samples[i]);
+  };
+  release(first);
+  for (const auto& batch : more) release(*batch);
 }
 
 // Cyclone's listener: frames are handed over on the thread that received them.
