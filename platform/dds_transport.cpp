@@ -78,11 +78,81 @@ class InListener {
   InListener& operator=(const InListener&) = delete;
 };
 
+// Keeps one thread of this process runnable for a while after frames
+// arrived, yielding the processor to any thread that wants it. When reports
+// come one after another, the next one then finds a processor awake: waking
+// Cyclone's receiving thread on a processor that went idle costs more than
+// the whole delivery on a virtual machine. The thread goes to sleep when no
+// frame came for 100 us, and at once when a yield came back late (the
+// processors are busy; staying awake would only take time from others).
+// Thread-safe.
+class WakeKeeper {
+ public:
+  WakeKeeper() : thread_([this] { run(); }) {}
+  ~WakeKeeper() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ends_ = true;
+      asked_.notify_one();
+    }
+    thread_.join();
+  }
+  WakeKeeper(const WakeKeeper&) = delete;
+  WakeKeeper& operator=(const WakeKeeper&) = delete;
+
+  // Called after frames were handed over.
+  void framesArrived() {
+    awake_until_.store(Clock::now().time_since_epoch().count() + kStayAwakeTicks);
+    if (!sleeping_.load()) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    asked_.notify_one();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr Clock::rep kStayAwakeTicks =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(100)).count();
+  static constexpr auto kLateYield = std::chrono::microseconds(50);
+
+  bool wanted() const { return Clock::now().time_since_epoch().count() < awake_until_.load(); }
+
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      // Sequentially consistent with framesArrived(): either it sees this
+      // thread asleep and wakes it, or this thread sees its time.
+      sleeping_.store(true);
+      asked_.wait(lock, [this] { return ends_ || wanted(); });
+      sleeping_.store(false);
+      if (ends_) return;
+      lock.unlock();
+      for (auto before = Clock::now(); wanted();) {
+        std::this_thread::yield();
+        const auto after = Clock::now();
+        if (after - before > kLateYield) {
+          awake_until_.store(0);
+          break;
+        }
+        before = after;
+      }
+      lock.lock();
+    }
+  }
+
+  std::atomic<Clock::rep> awake_until_{0};
+  std::atomic<bool> sleeping_{false};
+  std::mutex mutex_;  // guards ends_, pairs with asked_
+  bool ends_ = false;
+  std::condition_variable asked_;
+  std::thread thread_;
+};
+
 // The function a reader's frames go to.
 struct Reader {
   std::mutex mutex;  // held while frames are handed over: one call of the handler at a time
   RemoteFrameHandler handler;
   const std::atomic<bool>* stopping = nullptr;  // the transport's: no handler starts once set
+  WakeKeeper* wake_keeper = nullptr;  // the transport's, for handlers that run subscribers
 };
 
 // A frame published from a listener, copied, in line for the sending thread.
@@ -229,6 +299,7 @@ void onDataAvailable(dds_entity_t entity, void* argument) {
   if (reader.stopping->load(std::memory_order_acquire)) return;
   const InListener in_listener;
   deliverWaiting(entity, reader);
+  if (reader.wake_keeper != nullptr) reader.wake_keeper->framesArrived();
 }
 
 // Frames arrive in a Cyclone listener, on the thread that received them: the
@@ -273,7 +344,8 @@ class DdsLinks {
     queue_changed_.notify_one();
   }
 
-  bool listen(const std::string& topic, bool latched, bool reliable, RemoteFrameHandler handler) {
+  bool listen(const std::string& topic, bool latched, bool reliable, bool in_place,
+              RemoteFrameHandler handler) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return false;
     const dds_entity_t dds_topic = topicFor(topic);
@@ -290,6 +362,7 @@ class DdsLinks {
     auto context = std::make_unique<Reader>();
     context->handler = std::move(handler);
     context->stopping = &stopping_;
+    if (in_place) context->wake_keeper = &wake_keeper_;
     dds_listener_t* listener = dds_create_listener(context.get());
     dds_lset_data_available(listener, onDataAvailable);
     const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, listener);
@@ -489,6 +562,8 @@ class DdsLinks {
   std::condition_variable flush_asked_;
   std::thread flusher_;
 
+  WakeKeeper wake_keeper_;  // lives until the participant, and so every listener, is gone
+
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
   std::map<std::string, dds_entity_t> topics_;
@@ -506,9 +581,9 @@ class DdsTransport : public Transport {
             const uint8_t* frame, size_t size) override {
     links_->send(topic, md5, key, frame, size);
   }
-  bool listen(const std::string& topic, bool latched, bool reliable,
+  bool listen(const std::string& topic, bool latched, bool reliable, bool in_place,
               RemoteFrameHandler handler) override {
-    return links_->listen(topic, latched, reliable, std::move(handler));
+    return links_->listen(topic, latched, reliable, in_place, std::move(handler));
   }
   int matchedSubscribers(const std::string& topic) override {
     return links_->matchedSubscribers(topic);

@@ -241,7 +241,7 @@ bool Dispatcher::add(SubscriberBase& subscriber, ThreadPool* pool, bool refuse_o
   // the state of every other process when it joins.
   const std::shared_ptr<DeliveryGate> gate = gate_;
   const bool listening = transport_->listen(
-      subscription->topic, subscriber.getLatch(), subscriber.getReliable(),
+      subscription->topic, subscriber.getLatch(), subscriber.getReliable(), pool == nullptr,
       [subscription, gate, origin = std::shared_ptr<const Origin>()](
           std::string_view md5, const uint8_t* frame, size_t size) mutable {
         std::string publisher = getCallerId(const_cast<uint8_t*>(frame), static_cast<int>(size));

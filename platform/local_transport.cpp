@@ -14,7 +14,7 @@ class LocalTransport : public Transport {
   bool reachesOtherProcesses() const override { return false; }
   void send(const std::string& /*topic*/, const std::string& /*md5*/, const std::string& /*key*/,
             const uint8_t* /*frame*/, size_t /*size*/) override {}
-  bool listen(const std::string& /*topic*/, bool /*latched*/, bool /*reliable*/,
+  bool listen(const std::string& /*topic*/, bool /*latched*/, bool /*reliable*/, bool /*in_place*/,
               RemoteFrameHandler /*handler*/) override {
     return true;  // no other process will ever send
   }

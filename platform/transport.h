@@ -36,9 +36,11 @@ class Transport {
 
   // Delivers the frames other processes publish on `topic` to `handler`, on
   // a thread of the transport, until stop(). With `latched` the latest frame
-  // of every key of every live publisher comes first. False when the
-  // transport cannot listen.
-  virtual bool listen(const std::string& topic, bool latched, bool reliable,
+  // of every key of every live publisher comes first. `in_place` tells that
+  // the handler runs the subscriber itself (rather than queueing the frame
+  // for a thread of its own), so the next frame's wake-up is on the path to
+  // the subscriber. False when the transport cannot listen.
+  virtual bool listen(const std::string& topic, bool latched, bool reliable, bool in_place,
                       RemoteFrameHandler handler) = 0;
 
   // How many subscribers in other processes this process's publications on
