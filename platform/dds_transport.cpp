@@ -78,7 +78,7 @@ class InListener {
   InListener& operator=(const InListener&) = delete;
 };
 
-// Keeps one thread of this process runnable for a while after frames
+// Keeps one thread of this process runnable for a while after a lone frame
 // arrived, yielding the processor to any thread that wants it. When reports
 // come one after another, the next one then finds a processor awake: waking
 // Cyclone's receiving thread on a processor that went idle costs more than
@@ -100,9 +100,13 @@ class WakeKeeper {
   WakeKeeper(const WakeKeeper&) = delete;
   WakeKeeper& operator=(const WakeKeeper&) = delete;
 
-  // Called after frames were handed over.
-  void framesArrived() {
-    awake_until_.store(Clock::now().time_since_epoch().count() + kStayAwakeTicks);
+  // Called after a frame that came alone was handed over.
+  void loneFrameArrived() {
+    const Clock::rep now = Clock::now().time_since_epoch().count();
+    // Frames of a stream follow each other closely: the receiving thread
+    // keeps its processor busy itself, and staying awake would slow it.
+    if (now - last_arrival_.exchange(now) < kStreamGapTicks) return;
+    awake_until_.store(now + kStayAwakeTicks);
     if (!sleeping_.load()) return;
     std::lock_guard<std::mutex> lock(mutex_);
     asked_.notify_one();
@@ -112,6 +116,8 @@ class WakeKeeper {
   using Clock = std::chrono::steady_clock;
   static constexpr Clock::rep kStayAwakeTicks =
       std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(100)).count();
+  static constexpr Clock::rep kStreamGapTicks =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(15)).count();
   static constexpr auto kLateYield = std::chrono::microseconds(50);
 
   bool wanted() const { return Clock::now().time_since_epoch().count() < awake_until_.load(); }
@@ -119,7 +125,7 @@ class WakeKeeper {
   void run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      // Sequentially consistent with framesArrived(): either it sees this
+      // Sequentially consistent with loneFrameArrived(): either it sees this
       // thread asleep and wakes it, or this thread sees its time.
       sleeping_.store(true);
       asked_.wait(lock, [this] { return ends_ || wanted(); });
@@ -140,6 +146,7 @@ class WakeKeeper {
   }
 
   std::atomic<Clock::rep> awake_until_{0};
+  std::atomic<Clock::rep> last_arrival_{0};
   std::atomic<bool> sleeping_{false};
   std::mutex mutex_;  // guards ends_, pairs with asked_
   bool ends_ = false;
@@ -231,7 +238,8 @@ class SampleCursor {
 // that waits is taken first, then ordered by the writers' time stamps (a
 // writer's stamps never go back while its clock does not, and samples with
 // equal stamps keep the order of the take). Samples are taken serialized.
-void deliverWaiting(dds_entity_t entity, Reader& reader) {
+// Returns how many frames there were.
+size_t deliverWaiting(dds_entity_t entity, Reader& reader) {
   struct Batch {
     ddsi_serdata* samples[kTakeBatch] = {};
     dds_sample_info_t infos[kTakeBatch];
@@ -291,6 +299,7 @@ void deliverWaiting(dds_entity_t entity, Reader& reader) {
   };
   release(first);
   for (const auto& batch : more) release(*batch);
+  return count;
 }
 
 // Cyclone's listener: frames are handed over on the thread that received them.
@@ -298,8 +307,10 @@ void onDataAvailable(dds_entity_t entity, void* argument) {
   Reader& reader = *static_cast<Reader*>(argument);
   if (reader.stopping->load(std::memory_order_acquire)) return;
   const InListener in_listener;
-  deliverWaiting(entity, reader);
-  if (reader.wake_keeper != nullptr) reader.wake_keeper->framesArrived();
+  // Frames that came together were queued while the processors were busy:
+  // nothing to stay awake for.
+  const size_t frames = deliverWaiting(entity, reader);
+  if (frames == 1 && reader.wake_keeper != nullptr) reader.wake_keeper->loneFrameArrived();
 }
 
 // Frames arrive in a Cyclone listener, on the thread that received them: the
