@@ -24,6 +24,7 @@
 #include "dova/trace.h"
 #include "frame.h"
 #include "transport.h"
+#include "yield_while.h"
 
 namespace dova::platform {
 namespace {
@@ -118,8 +119,6 @@ class WakeKeeper {
       std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(100)).count();
   static constexpr Clock::rep kStreamGapTicks =
       std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(15)).count();
-  static constexpr auto kLateYield = std::chrono::microseconds(50);
-
   bool wanted() const { return Clock::now().time_since_epoch().count() < awake_until_.load(); }
 
   void run() {
@@ -132,15 +131,7 @@ class WakeKeeper {
       sleeping_.store(false);
       if (ends_) return;
       lock.unlock();
-      for (auto before = Clock::now(); wanted();) {
-        std::this_thread::yield();
-        const auto after = Clock::now();
-        if (after - before > kLateYield) {
-          awake_until_.store(0);
-          break;
-        }
-        before = after;
-      }
+      if (!yieldWhile([this] { return wanted(); })) awake_until_.store(0);
       lock.lock();
     }
   }

@@ -7,11 +7,11 @@
 #include <exception>
 #include <iterator>
 #include <set>
-#include <thread>
 #include <utility>
 
 #include "dova/msgs/frame_check.h"
 #include "dova/trace.h"
+#include "yield_while.h"
 
 namespace dova::platform {
 
@@ -93,26 +93,20 @@ bool holdDuringReplay(Subscription& subscription, const Delivery& delivery) {
 }
 
 // Whether a delivery arrives in `subscription`'s queue within `linger`,
-// watched for without sleeping. A pool thread that went to sleep would need
-// a wake-up through the kernel for the next delivery, which costs more than
-// the delivery itself when reports come one after another. The watch yields
-// the processor to any thread that wants it, and ends early when a yield
-// came back late: then the processors are busy, and the watch would only
-// take time from others.
+// watched for without sleeping (yieldWhile). A pool thread that went to sleep
+// would need a wake-up through the kernel for the next delivery, which costs
+// more than the delivery itself when reports come one after another.
 bool awaitDelivery(Subscription& subscription, const DeliveryGate& gate,
                    std::chrono::microseconds linger) {
-  constexpr auto kLateYield = std::chrono::microseconds(50);
-  auto now = std::chrono::steady_clock::now();
-  const auto give_up = now + linger;
-  while (!gate.closed() && now < give_up) {
-    std::this_thread::yield();
-    const auto yielded = std::chrono::steady_clock::now();
-    if (yielded - now > kLateYield) return false;
-    now = yielded;
+  const auto give_up = std::chrono::steady_clock::now() + linger;
+  bool arrived = false;
+  yieldWhile([&] {
+    if (gate.closed() || std::chrono::steady_clock::now() >= give_up) return false;
     const std::lock_guard<std::mutex> lock(subscription.mutex);
-    if (!subscription.queue.empty()) return true;
-  }
-  return false;
+    arrived = !subscription.queue.empty();
+    return !arrived;
+  });
+  return arrived;
 }
 
 // The pool's task: hands the queued deliveries over in order until the queue
