@@ -273,7 +273,9 @@ size_t deliverWaiting(dds_entity_t entity, Reader& reader) {
     ddsrt_iovec_t serialized{};
     ddsi_serdata* referenced = ddsi_serdata_to_ser_ref(sample, 0, size, &serialized);
     SampleCursor cursor(static_cast<const uint8_t*>(serialized.iov_base), serialized.iov_len);
-    std::string_view publisher, key, md5;
+    std::string_view publisher;
+    std::string_view key;
+    std::string_view md5;
     const uint8_t* data = nullptr;
     size_t length = 0;
     if (cursor.text(publisher) && cursor.text(key) && cursor.text(md5) &&
