@@ -7,7 +7,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "dova/guid.h"
+#include "dova/msgs/bounded_cursor.h"
 #include "dova/options.h"
 #include "dova/trace.h"
 #include "frame.h"
@@ -169,58 +169,47 @@ struct PendingFrame {
 // reads are bounded all the same.
 class SampleCursor {
  public:
-  SampleCursor(const uint8_t* bytes, size_t size) : begin_(bytes), size_(size) {
+  SampleCursor(const uint8_t* bytes, size_t size) : bytes_(bytes), cursor_(bytes, size) {
     // Encoding identifiers are big-endian; odd ones mark little-endian bodies.
-    constexpr size_t kHeader = 4;
-    if (size_ < kHeader) {
-      failed_ = true;
-      return;
-    }
-    swap_ = ((bytes[1] & 1) != 0) != (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-    begin_ += kHeader;
-    size_ -= kHeader;
+    ok_ = cursor_.skip(kHeader);
+    swap_ = ok_ && (((bytes[1] & 1) != 0) != (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__));
   }
 
+  // A string: a count that includes the terminating NUL, then the characters.
   bool text(std::string_view& value) {
-    uint32_t length = 0;
-    if (!word(length) || length == 0 || length > size_ - offset_ ||
-        begin_[offset_ + length - 1] != 0) {
-      return fail();
-    }
-    value = std::string_view(reinterpret_cast<const char*>(begin_ + offset_), length - 1);
-    offset_ += length;
+    const uint8_t* data = nullptr;
+    size_t count = 0;
+    if (!octets(data, count) || count == 0 || data[count - 1] != 0) return fail();
+    value = std::string_view(reinterpret_cast<const char*>(data), count - 1);
     return true;
   }
 
+  // A sequence of bytes: a count aligned to 4 bytes from the body's start
+  // (the header is 4 bytes long), then the bytes.
   bool octets(const uint8_t*& data, size_t& length) {
     uint32_t count = 0;
-    if (!word(count) || count > size_ - offset_) return fail();
-    data = begin_ + offset_;
+    const size_t padding = (4 - cursor_.consumed() % 4) % 4;
+    if (!ok_ || !cursor_.skip(padding) || !cursor_.readUint32(count)) return fail();
+    if (swap_) count = __builtin_bswap32(count);
+    const size_t start = cursor_.consumed();
+    if (!cursor_.skip(count)) return fail();
+    data = bytes_ + start;
     length = count;
-    offset_ += count;
     return true;
   }
 
  private:
-  bool word(uint32_t& value) {
-    if (failed_) return false;
-    offset_ = (offset_ + 3) & ~size_t{3};
-    if (offset_ > size_ || size_ - offset_ < 4) return fail();
-    std::memcpy(&value, begin_ + offset_, 4);
-    if (swap_) value = __builtin_bswap32(value);
-    offset_ += 4;
-    return true;
-  }
+  static constexpr size_t kHeader = 4;
+
   bool fail() {
-    failed_ = true;
+    ok_ = false;
     return false;
   }
 
-  const uint8_t* begin_;
-  size_t size_;
-  size_t offset_ = 0;
+  const uint8_t* bytes_;
+  msgs::BoundedCursor cursor_;
+  bool ok_ = false;
   bool swap_ = false;
-  bool failed_ = false;
 };
 
 // Hands every frame waiting in `reader` to its handler, in the order they were
