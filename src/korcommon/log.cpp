@@ -79,9 +79,7 @@ const ThreadIds& currentIds() {
     return true;
   }();
   (void)registered;
-  // Initial-exec: a load relative to the thread pointer rather than a call
-  // into the dynamic linker on every passing trace.
-  [[gnu::tls_model("initial-exec")]] thread_local ThreadIds ids;
+  thread_local ThreadIds ids;
   const unsigned generation = fork_generation.load(std::memory_order_relaxed);
   if (ids.generation != generation) {
     ids.pid = getpid();

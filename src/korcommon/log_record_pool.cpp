@@ -101,9 +101,7 @@ struct KeepRecord {
 // Set when the calling thread's slots are gone. A thread may still trace
 // then: from the destructor of another thread_local, or on the main thread
 // from a static destructor. Trivially destructible, so always readable.
-// Initial-exec, as every thread-local of a passing trace: a load relative to
-// the thread pointer rather than a call into the dynamic linker.
-[[gnu::tls_model("initial-exec")]] thread_local bool thread_records_gone = false;
+thread_local bool thread_records_gone = false;
 
 // The calling thread's slots, made as they are first needed.
 class ThreadRecords {
@@ -142,7 +140,7 @@ class ThreadRecords {
 
 std::shared_ptr<Log> takeLogRecord() {
   if (!thread_records_gone) {
-    [[gnu::tls_model("initial-exec")]] thread_local ThreadRecords records;
+    thread_local ThreadRecords records;
     if (std::shared_ptr<Log> record = records.take()) return record;
   }
   return std::make_shared<Log>();
