@@ -50,6 +50,14 @@ class Reader {
       NullToken,
     };
 
+    Token() = default;
+    Token(Type token_type, uint32_t offset, uint32_t length, uint32_t begin, uint32_t end)
+        : type(token_type),
+          text_offset(offset),
+          text_length(length),
+          begin_offset(begin),
+          end_offset(end) {}
+
     Type type = ObjectBegin;
     // Where the token's text stands in the reading's store of texts: for a string its
     // decoded value without the quotes, for a number its characters. Punctuation and keywords
@@ -92,6 +100,7 @@ class Reader {
 
  private:
   class TokenStream;
+  class ScanBuffers;
   using InputStream = detail::InputStream;
   using TokenTexts = detail::TokenTexts;
   using Tokens = std::vector<Token>;
@@ -101,10 +110,15 @@ class Reader {
   static Location locationOf(const InputStream& input);
   // Scans the whole input into `tokens`, their texts into `texts`.
   static void Scan(Tokens& tokens, TokenTexts& texts, InputStream& input);
-  static void MatchString(InputStream& input, TokenTexts& texts, Token& token);
+  // Where a token's text stands in the store of texts: Token's text_offset and text_length.
+  struct TextPlace {
+    uint32_t offset = 0;
+    uint32_t length = 0;
+  };
+  static TextPlace MatchString(InputStream& input, TokenTexts& texts);
   static void matchStringRest(InputStream& input, std::string& text);
   static void MatchExpectedString(InputStream& input, std::string_view expected);
-  static void matchNumber(InputStream& input, TokenTexts& texts, Token& token);
+  static TextPlace matchNumber(InputStream& input, TokenTexts& texts);
   static void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
 
   void MatchExpectedToken(Token::Type type, TokenStream& tokens);

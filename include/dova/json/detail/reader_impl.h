@@ -122,12 +122,61 @@ class Reader::TokenStream {
   const InputStream& input_;
 };
 
+// The token vector and the store of texts, kept from one reading to the next on a thread.
+//
+// Why keep them: a block as large as these, allocated by every reading, makes glibc's malloc
+// first merge all the small blocks freed since (a document just destroyed leaves thousands),
+// and the new document's members and values then pay for splitting them again: about a tenth
+// of reading a large document. A thread keeps at most kKeptBytes; buffers that grew beyond it
+// for a larger document are freed when that reading ends.
+class Reader::ScanBuffers {
+ public:
+  static constexpr size_t kKeptBytes = size_t{1} << 20;
+
+  class Loan;
+
+ private:
+  Tokens tokens_;
+  TokenTexts texts_;
+  bool lent_ = false;
+};
+
+// Lends this thread's buffers, empty, for one reading. A reading that starts while they are
+// lent (from inside the stream buffer of another, say) gets buffers of its own.
+class Reader::ScanBuffers::Loan {
+ public:
+  Loan() : buffers_(kept().lent_ ? own_ : kept()) { buffers_.lent_ = true; }
+  ~Loan() {
+    const bool release =
+        buffers_.tokens_.capacity() * sizeof(Token) + buffers_.texts_.capacity() > kKeptBytes;
+    buffers_.tokens_.clear();
+    if (release) buffers_.tokens_.shrink_to_fit();
+    buffers_.texts_.clear(release);
+    buffers_.lent_ = false;
+  }
+  Loan(const Loan&) = delete;
+  Loan& operator=(const Loan&) = delete;
+
+  Tokens& tokens() { return buffers_.tokens_; }
+  TokenTexts& texts() { return buffers_.texts_; }
+
+ private:
+  static ScanBuffers& kept() {
+    thread_local ScanBuffers buffers;
+    return buffers;
+  }
+
+  ScanBuffers own_;
+  ScanBuffers& buffers_;
+};
+
 inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, stream); }
 
 template <typename ElementTypeT>
 void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
-  Tokens tokens;
-  TokenTexts texts;
+  ScanBuffers::Loan buffers;
+  Tokens& tokens = buffers.tokens();
+  TokenTexts& texts = buffers.texts();
   InputStream input(stream);
   Scan(tokens, texts, input);
 
@@ -174,43 +223,41 @@ inline void Reader::Scan(Tokens& tokens, TokenTexts& texts, InputStream& input) 
     if (code == Traits::eof()) return;
     texts.follow(input);
 
-    // Built here and appended whole: the input's fields, read all along, then stay in
-    // registers, which stores into the vector would force to be read again.
-    Token token;
+    // The token's fields are kept in locals and the token is constructed in the vector: built
+    // on the stack field by field and copied in whole, it would be read back before its stores
+    // had landed, which stalls the processor on every token.
     const uint32_t begin = input.offset();
-    token.begin_offset = begin;
     // The token's type is looked up by its first character. Punctuation, most of the tokens
     // and the first six types, is told apart by one well predicted branch; the rest dispatch
     // through a jump table.
     const int8_t started = detail::kStartedTokens[static_cast<size_t>(code)];
     if (started < 0) throwUnexpectedCharacter(Traits::to_char_type(code), locationOf(input));
-    token.type = static_cast<Token::Type>(started);
+    const auto type = static_cast<Token::Type>(started);
     if (started <= Token::Colon) {
       input.skipInLine(1);
       // One character on the same line.
-      token.end_offset = begin + 1;
-      tokens.push_back(token);
+      tokens.emplace_back(type, 0, 0, begin, begin + 1);
       continue;
     }
-    switch (token.type) {
+    TextPlace text;
+    switch (type) {
       case Token::StringToken:
-        MatchString(input, texts, token);
+        text = MatchString(input, texts);
         break;
       case Token::BooleanToken:
       case Token::NullToken: {
         const std::string_view keyword = code == 't' ? "true" : code == 'f' ? "false" : "null";
         MatchExpectedString(input, keyword);
-        token.text_length = static_cast<uint32_t>(keyword.size());
+        text.length = static_cast<uint32_t>(keyword.size());
         break;
       }
       case Token::NumberToken:
-        matchNumber(input, texts, token);
+        text = matchNumber(input, texts);
         break;
       default:  // punctuation, taken above
         break;
     }
-    token.end_offset = input.offset();
-    tokens.push_back(token);
+    tokens.emplace_back(type, text.offset, text.length, begin, input.offset());
   }
 }
 
@@ -224,15 +271,11 @@ inline void Reader::MatchExpectedString(InputStream& input, std::string_view exp
 
 // The shape of the number is not checked here: "1-2" is one token, judged when parsed.
 // REQUIRES: the next character starts a number and is in the buffer texts last followed.
-inline void Reader::matchNumber(InputStream& input, TokenTexts& texts, Token& token) {
+inline Reader::TextPlace Reader::matchNumber(InputStream& input, TokenTexts& texts) {
   const char* const run = input.next();
   const char* const stop = detail::findNumberRunEnd(run, input.end());
   input.skipInLine(static_cast<size_t>(stop - run));
-  if (stop != input.end()) {
-    token.text_offset = texts.offsetOf(run);
-    token.text_length = static_cast<uint32_t>(stop - run);
-    return;
-  }
+  if (stop != input.end()) return {texts.offsetOf(run), static_cast<uint32_t>(stop - run)};
   // The number may go on in the next buffer: its pieces are put together apart.
   std::string& text = texts.appended();
   const size_t offset = text.size();
@@ -244,29 +287,25 @@ inline void Reader::matchNumber(InputStream& input, TokenTexts& texts, Token& to
     input.skipInLine(static_cast<size_t>(more_stop - more));
     if (more_stop != input.end()) break;
   }
-  token.text_offset = static_cast<uint32_t>(offset);
-  token.text_length = static_cast<uint32_t>(text.size() - offset);
+  return {static_cast<uint32_t>(offset), static_cast<uint32_t>(text.size() - offset)};
 }
 
 // Decodes a string token.
 // REQUIRES: the next character is the opening double quote, in the buffer texts last followed.
-inline void Reader::MatchString(InputStream& input, TokenTexts& texts, Token& token) {
+inline Reader::TextPlace Reader::MatchString(InputStream& input, TokenTexts& texts) {
   input.skipInLine(1);
   // Most strings hold no escape or line feed and end within the buffered text: their text is
   // the input's.
   const char* const run = input.next();
   const char* const stop = detail::findStringRunEnd(run, input.end());
   if (stop != input.end() && *stop == '"') {
-    token.text_offset = texts.offsetOf(run);
-    token.text_length = static_cast<uint32_t>(stop - run);
     input.skipInLine(static_cast<size_t>(stop - run) + 1);
-    return;
+    return {texts.offsetOf(run), static_cast<uint32_t>(stop - run)};
   }
   std::string& text = texts.appended();
   const size_t offset = text.size();
   matchStringRest(input, text);
-  token.text_offset = static_cast<uint32_t>(offset);
-  token.text_length = static_cast<uint32_t>(text.size() - offset);
+  return {static_cast<uint32_t>(offset), static_cast<uint32_t>(text.size() - offset)};
 }
 
 // The general case of MatchString, from just after the opening quote.

@@ -20,6 +20,16 @@ namespace dova::json::detail {
 class TokenTexts {
  public:
   void reserve(size_t size) { store_.reserve(size); }
+  size_t capacity() const { return store_.capacity(); }
+
+  // Empties the store for another reading; `release` also gives its memory back.
+  void clear(bool release) {
+    store_.clear();
+    if (release) store_.shrink_to_fit();
+    refills_ = 0;
+    copied_ = nullptr;
+    copied_offset_ = 0;
+  }
 
   // Copies the input's buffered characters in when they are new since the last call.
   void follow(const InputStream& input) {
