@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -53,11 +52,27 @@ constexpr int kTakeBatch = 32;
 constexpr dds_duration_t kAckWait = DDS_SECS(2);
 constexpr auto kWriteWait = std::chrono::seconds(5);
 constexpr dds_duration_t kAcknowledgementPoll = DDS_MSECS(1);
-// A write that follows the writer's previous one within this is part of a
-// burst: it is left for the flushing thread, which sends what waits about
-// this long after it was asked to.
+// A write that follows the writer's previous one within kBurstStart starts a
+// burst: it and the writes that follow within kBurstGap wait in the writer's
+// message, which goes out when it fills up or when the flushing thread,
+// looking every kFlushDelay, finds the burst over (no write for kBurstGap) or
+// the oldest waiting frame kMaxHold old. A caller that answers what it
+// receives takes longer than kBurstStart for that alone, so its frames go out
+// at once.
+constexpr auto kBurstStart = std::chrono::microseconds(2);
 constexpr auto kBurstGap = std::chrono::microseconds(15);
 constexpr auto kFlushDelay = std::chrono::microseconds(50);
+constexpr auto kMaxHold = std::chrono::microseconds(250);
+constexpr int64_t kBurstStartNanoseconds = std::chrono::nanoseconds(kBurstStart).count();
+constexpr int64_t kBurstGapNanoseconds = std::chrono::nanoseconds(kBurstGap).count();
+constexpr int64_t kMaxHoldNanoseconds = std::chrono::nanoseconds(kMaxHold).count();
+
+// Nanoseconds on the steady clock, which counts from boot: never 0.
+int64_t steadyNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 // "/diagnostics_value" is carried on the DDS topic "dova/diagnostics_value".
 std::string ddsTopicName(const std::string& topic) {
@@ -153,10 +168,18 @@ struct Reader {
   WakeKeeper* wake_keeper = nullptr;  // the transport's, for handlers that run subscribers
 };
 
+// A DDS writer and the state of its burst (see kBurstGap). Thread-safe.
+struct WriterLink {
+  explicit WriterLink(dds_entity_t writer) : entity(writer) {}
+  const dds_entity_t entity;
+  std::atomic<int64_t> last_write{0};  // steadyNanoseconds() at the end of the latest write
+  std::atomic<int64_t> held_since{0};  // of the oldest write not sent yet; 0: none waits
+};
+
 // A frame published from a listener, copied, in line for the sending thread.
 struct PendingFrame {
   std::string topic;
-  dds_entity_t writer = 0;
+  WriterLink* writer = nullptr;
   std::string md5;
   std::string key;
   std::vector<uint8_t> bytes;
@@ -319,10 +342,10 @@ class DdsLinks {
 
   void send(const std::string& topic, const std::string& md5, const std::string& key,
             const uint8_t* frame, size_t size) {
-    const dds_entity_t writer = writerFor(topic);
-    if (writer <= 0) return;
+    WriterLink* const writer = writerFor(topic);
+    if (writer == nullptr) return;
     if (listenerDepth() == 0) {
-      write(topic, writer, md5, key, frame, size, true);
+      write(topic, *writer, md5, key, frame, size, true);
       return;
     }
     bool queued;
@@ -330,7 +353,7 @@ class DdsLinks {
       std::lock_guard<std::mutex> lock(queue_mutex_);
       queued = !queue_.empty();  // what waits there goes first
     }
-    if (!queued && write(topic, writer, md5, key, frame, size, false)) return;
+    if (!queued && write(topic, *writer, md5, key, frame, size, false)) return;
     std::lock_guard<std::mutex> lock(queue_mutex_);
     queue_.push_back(
         PendingFrame{topic, writer, md5, key, std::vector<uint8_t>(frame, frame + size)});
@@ -371,10 +394,10 @@ class DdsLinks {
   }
 
   int matchedSubscribers(const std::string& topic) {
-    const dds_entity_t writer = writerFor(topic);
-    if (writer <= 0) return 0;
+    const WriterLink* const writer = writerFor(topic);
+    if (writer == nullptr) return 0;
     dds_publication_matched_status_t status{};
-    if (dds_get_publication_matched_status(writer, &status) != DDS_RETCODE_OK) return 0;
+    if (dds_get_publication_matched_status(writer->entity, &status) != DDS_RETCODE_OK) return 0;
     return static_cast<int>(status.current_count);
   }
 
@@ -403,9 +426,9 @@ class DdsLinks {
       flush_asked_.notify_all();
     }
     flusher_.join();
-    for (const auto& writer : writers_) dds_write_flush(writer.second);
+    for (const auto& writer : writers_) dds_write_flush(writer.second->entity);
     // Reliable delivery: let the matched readers acknowledge what was sent.
-    for (const auto& writer : writers_) dds_wait_for_acks(writer.second, kAckWait);
+    for (const auto& writer : writers_) dds_wait_for_acks(writer.second->entity, kAckWait);
     // Deleting the participant deletes its readers, writers and listeners,
     // and waits for the listener call running now, if any.
     dds_delete(participant_);
@@ -415,12 +438,10 @@ class DdsLinks {
  private:
   // Writes one frame; false, with nothing written, when the writer's history
   // is full and the caller may not wait for it to drain. Waiting callers try
-  // again as acknowledgements come in, for at most kWriteWait. Frames written
-  // in a burst share messages: a frame that follows its writer's previous one
-  // closely is sent with the next message that fills up, by the flushing
-  // thread, or with a later frame that comes after a pause; any other frame
-  // goes out at once, with what waited before it.
-  bool write(const std::string& topic, dds_entity_t writer, const std::string& md5,
+  // again as acknowledgements come in, for at most kWriteWait. A frame that
+  // follows its writer's previous one closely waits to share a message (see
+  // kBurstGap); any other goes out at once, with what waited before it.
+  bool write(const std::string& topic, WriterLink& writer, const std::string& md5,
              const std::string& key, const uint8_t* frame, size_t size, bool may_wait) {
     dova_wire_Frame sample{};
     sample.publisher = const_cast<char*>(publisher_.c_str());
@@ -430,48 +451,78 @@ class DdsLinks {
     sample.data._length = static_cast<uint32_t>(size);
     sample.data._maximum = static_cast<uint32_t>(size);
     sample.data._release = false;
+    const int64_t started = steadyNanoseconds();
     // The writer never blocks in Cyclone (its longest wait is zero): a full
     // history returns at once, without the frame.
-    dds_return_t result = dds_write(writer, &sample);
+    dds_return_t result = dds_write(writer.entity, &sample);
     if (result == DDS_RETCODE_TIMEOUT && !may_wait) return false;
+    // What waits in the writer's message has to reach the readers before they can acknowledge it.
+    if (result == DDS_RETCODE_TIMEOUT) dds_write_flush(writer.entity);
     const auto give_up = std::chrono::steady_clock::now() + kWriteWait;
     while (result == DDS_RETCODE_TIMEOUT && std::chrono::steady_clock::now() < give_up) {
-      dds_wait_for_acks(writer, kAcknowledgementPoll);
-      result = dds_write(writer, &sample);
+      dds_wait_for_acks(writer.entity, kAcknowledgementPoll);
+      result = dds_write(writer.entity, &sample);
     }
     if (result != DDS_RETCODE_OK) {
       mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
              topic.c_str(), dds_strretcode(result));
     }
-    const auto now = std::chrono::steady_clock::now();
-    {
-      std::lock_guard<std::mutex> lock(flush_mutex_);
-      auto& previous = last_write_[writer];
-      const bool in_burst = now - previous < kBurstGap;
-      previous = now;
-      if (in_burst) {
-        unflushed_.insert(writer);
-        if (!std::exchange(flush_pending_, true)) flush_asked_.notify_one();
-        return true;
+    // The pause counts from the end of the previous write: the time that one
+    // took to send (on loopback a message reaches the reader within the call)
+    // does not count.
+    const int64_t pause = started - writer.last_write.load();
+    if (pause >= (writer.held_since.load() != 0 ? kBurstGapNanoseconds : kBurstStartNanoseconds)) {
+      writer.held_since.store(0);
+      dds_write_flush(writer.entity);
+    } else {
+      // Sequentially consistent with flushBursts(): either it sees this frame
+      // waiting, or this thread sees it idle and wakes it.
+      if (writer.held_since.load() == 0) writer.held_since.store(started);
+      if (!flush_armed_.load() && !flush_armed_.exchange(true)) {
+        std::lock_guard<std::mutex> lock(flush_mutex_);
+        flush_asked_.notify_one();
       }
     }
-    dds_write_flush(writer);
+    writer.last_write.store(steadyNanoseconds());
     return true;
   }
 
-  // The flushing thread: sends what bursts left waiting, shortly after, until stop().
+  // Sends what waits in the writers whose burst is over or whose oldest
+  // waiting frame is kMaxHold old; true when frames still wait.
+  bool flushDue(const std::vector<WriterLink*>& writers) {
+    bool waiting = false;
+    const int64_t now = steadyNanoseconds();
+    for (WriterLink* writer : writers) {
+      const int64_t held_since = writer->held_since.load();
+      if (held_since == 0) continue;
+      if (now - writer->last_write.load() < kBurstGapNanoseconds &&
+          now - held_since < kMaxHoldNanoseconds) {
+        waiting = true;
+      } else if (writer->held_since.exchange(0) != 0) {
+        dds_write_flush(writer->entity);
+      }
+    }
+    return waiting;
+  }
+
+  // The flushing thread: looks at the writers every kFlushDelay while frames
+  // wait in them, until stop().
   void flushBursts() {
     std::unique_lock<std::mutex> lock(flush_mutex_);
     for (;;) {
-      flush_asked_.wait(lock, [this] { return flush_pending_ || flushing_ends_; });
-      if (flushing_ends_) return;  // stop() flushes every writer itself
-      // Released meanwhile, so the burst goes on filling messages.
+      flush_asked_.wait(lock, [this] { return flush_armed_.load() || flushing_ends_; });
+      // Released meanwhile, so bursts go on filling messages.
       flush_asked_.wait_for(lock, kFlushDelay, [this] { return flushing_ends_; });
-      std::set<dds_entity_t> writers;
-      writers.swap(unflushed_);
-      flush_pending_ = false;
+      if (flushing_ends_) return;  // stop() flushes every writer itself
+      const std::vector<WriterLink*> writers = burst_writers_;
       lock.unlock();
-      for (const dds_entity_t writer : writers) dds_write_flush(writer);
+      if (!flushDue(writers)) {
+        flush_armed_.store(false);
+        // A frame written meanwhile may have seen the thread still armed.
+        for (const WriterLink* writer : writers) {
+          if (writer->held_since.load() != 0) flush_armed_.store(true);
+        }
+      }
       lock.lock();
     }
   }
@@ -485,7 +536,7 @@ class DdsLinks {
       if (queue_.empty()) return;
       PendingFrame& next = queue_.front();
       lock.unlock();  // listeners only append meanwhile; the front stays
-      write(next.topic, next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size(),
+      write(next.topic, *next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size(),
             true);
       lock.lock();
       queue_.pop_front();  // only now: an empty queue means all of it was written
@@ -507,14 +558,14 @@ class DdsLinks {
     return created;
   }
 
-  // 0 once stopped or when the writer cannot be created.
-  dds_entity_t writerFor(const std::string& topic) {
+  // Null once stopped or when the writer cannot be created.
+  WriterLink* writerFor(const std::string& topic) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopped_) return 0;
+    if (stopped_) return nullptr;
     const auto known = writers_.find(topic);
-    if (known != writers_.end()) return known->second;
+    if (known != writers_.end()) return known->second.get();
     const dds_entity_t dds_topic = topicFor(topic);
-    if (dds_topic <= 0) return 0;
+    if (dds_topic <= 0) return nullptr;
 
     dds_qos_t* qos = dds_create_qos();
     dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, 0);  // see write()
@@ -530,10 +581,12 @@ class DdsLinks {
     if (writer < 0) {
       mtrace(ERROR, __FILE__, __LINE__, "send", false, "topic %s: cannot create a writer: %s",
              topic.c_str(), dds_strretcode(writer));
-      return 0;
+      return nullptr;
     }
-    writers_[topic] = writer;
-    return writer;
+    WriterLink* const link = (writers_[topic] = std::make_unique<WriterLink>(writer)).get();
+    std::lock_guard<std::mutex> flush_lock(flush_mutex_);
+    burst_writers_.push_back(link);
+    return link;
   }
 
   const dds_entity_t domain_;
@@ -547,11 +600,10 @@ class DdsLinks {
   std::condition_variable queue_changed_;
   std::thread sender_;
 
-  std::mutex flush_mutex_;  // guards the five below
-  std::map<dds_entity_t, std::chrono::steady_clock::time_point> last_write_;
-  std::set<dds_entity_t> unflushed_;  // written in a burst, not sent yet
-  bool flush_pending_ = false;        // the flushing thread has been asked
-  bool flushing_ends_ = false;        // set by stop()
+  std::atomic<bool> flush_armed_{false};    // the flushing thread looks at the writers
+  std::mutex flush_mutex_;                  // guards the three below
+  std::vector<WriterLink*> burst_writers_;  // every writer, in writers_
+  bool flushing_ends_ = false;              // set by stop()
   std::condition_variable flush_asked_;
   std::thread flusher_;
 
@@ -560,7 +612,7 @@ class DdsLinks {
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
   std::map<std::string, dds_entity_t> topics_;
-  std::map<std::string, dds_entity_t> writers_;
+  std::map<std::string, std::unique_ptr<WriterLink>> writers_;
   std::vector<std::unique_ptr<Reader>> readers_;  // what the listeners point to
 };
 
