@@ -25,7 +25,8 @@ class TokenTexts;
 // number tokens are judged by stream extraction. Nesting deeper than kMaxNestingDepth
 // containers is refused.
 //
-// A Reader keeps no state between calls; threads may read separate documents at once.
+// A Reader keeps no state between calls; threads may read separate documents at once. Each
+// thread keeps the scanning buffers of its last reading, up to 1 MiB, for its next one.
 class Reader {
  public:
   // A position in the input: line feeds consumed, characters since the last line feed, and
