@@ -56,9 +56,10 @@ constexpr dds_duration_t kAcknowledgementPoll = DDS_MSECS(1);
 // burst: it and the writes that follow within kBurstGap wait in the writer's
 // message, which goes out when it fills up or when the flushing thread,
 // looking every kFlushDelay, finds the burst over (no write for kBurstGap) or
-// the oldest waiting frame kMaxHold old. A caller that answers what it
-// receives takes longer than kBurstStart for that alone, so its frames go out
-// at once.
+// the oldest waiting frame kMaxHold old. A frame written after the transport
+// received one, since the writer's previous write, never starts a burst: it
+// may be the answer someone waits for (on loopback the question's answer can
+// arrive while the question is still being sent, so the pause says nothing).
 constexpr auto kBurstStart = std::chrono::microseconds(2);
 constexpr auto kBurstGap = std::chrono::microseconds(15);
 constexpr auto kFlushDelay = std::chrono::microseconds(50);
@@ -165,7 +166,8 @@ struct Reader {
   std::mutex mutex;  // held while frames are handed over: one call of the handler at a time
   RemoteFrameHandler handler;
   const std::atomic<bool>* stopping = nullptr;  // the transport's: no handler starts once set
-  WakeKeeper* wake_keeper = nullptr;  // the transport's, for handlers that run subscribers
+  WakeKeeper* wake_keeper = nullptr;          // the transport's, for handlers that run subscribers
+  std::atomic<uint64_t>* received = nullptr;  // the transport's count of frames handed over
 };
 
 // A DDS writer and the state of its burst (see kBurstGap). Thread-safe.
@@ -174,6 +176,8 @@ struct WriterLink {
   const dds_entity_t entity;
   std::atomic<int64_t> last_write{0};  // steadyNanoseconds() at the end of the latest write
   std::atomic<int64_t> held_since{0};  // of the oldest write not sent yet; 0: none waits
+  // How many frames the transport had received at the latest write.
+  std::atomic<uint64_t> received_before{0};
 };
 
 // A frame published from a listener, copied, in line for the sending thread.
@@ -276,6 +280,8 @@ size_t deliverWaiting(dds_entity_t entity, Reader& reader) {
     more.push_back(std::make_unique<Batch>());
     batch = more.back().get();
   }
+  // Before any handler runs: what it publishes answers these frames.
+  reader.received->fetch_add(count);
   Waiting* frames = spilled.empty() ? inline_frames : spilled.data();
   std::stable_sort(frames, frames + count,
                    [](const Waiting& a, const Waiting& b) { return a.written < b.written; });
@@ -378,6 +384,7 @@ class DdsLinks {
     auto context = std::make_unique<Reader>();
     context->handler = std::move(handler);
     context->stopping = &stopping_;
+    context->received = &frames_received_;
     if (in_place) context->wake_keeper = &wake_keeper_;
     dds_listener_t* listener = dds_create_listener(context.get());
     dds_lset_data_available(listener, onDataAvailable);
@@ -471,7 +478,10 @@ class DdsLinks {
     // took to send (on loopback a message reaches the reader within the call)
     // does not count.
     const int64_t pause = started - writer.last_write.load();
-    if (pause >= (writer.held_since.load() != 0 ? kBurstGapNanoseconds : kBurstStartNanoseconds)) {
+    const uint64_t received = frames_received_.load();
+    const bool answers = writer.received_before.exchange(received) != received;
+    const bool holding = writer.held_since.load() != 0;
+    if (holding ? pause >= kBurstGapNanoseconds : answers || pause >= kBurstStartNanoseconds) {
       writer.held_since.store(0);
       dds_write_flush(writer.entity);
     } else {
@@ -593,6 +603,7 @@ class DdsLinks {
   const dds_entity_t participant_;
   const std::string publisher_;
   std::atomic<bool> stopping_{false};
+  std::atomic<uint64_t> frames_received_{0};  // by every reader, since the start
 
   std::mutex queue_mutex_;  // guards the two below
   std::deque<PendingFrame> queue_;
