@@ -156,32 +156,6 @@ TEST(JsonReader, LeavesTheStreamJustAfterWhatItRead) {
   EXPECT_EQ(readInto(object, failed), "scan | Unexpected character in stream: \xFF | 0,0,0");
 }
 
-// A buffer that gives its text in two pieces and reads a document of its own before the
-// second, as a stream that decodes its input with the reader might.
-struct ReadingBuffer : std::streambuf {
-  int_type underflow() override {
-    if (pieces_given == 1) {
-      std::istringstream nested(R"({"inner":[1,"two"]})");
-      Reader::Read(inner, nested);
-    }
-    if (pieces_given == 2) return traits_type::eof();
-    std::string& piece = pieces[pieces_given++];
-    setg(piece.data(), piece.data(), piece.data() + piece.size());
-    return traits_type::to_int_type(piece[0]);
-  }
-  std::string pieces[2] = {R"({"a":[1,"x"],"b":)", R"("yz","c":{}})"};
-  int pieces_given = 0;
-  Object inner;
-};
-
-TEST(JsonReader, ReadsWhileItsStreamReadsAnotherDocument) {
-  ReadingBuffer buffer;
-  std::istream stream(&buffer);
-  Object object;
-  EXPECT_EQ(readInto(object, stream), R"({"a":[1,"x"],"b":"yz","c":{}})");
-  EXPECT_EQ(write(buffer.inner), R"({"inner":[1,"two"]})");
-}
-
 // The JSONTestSuite's parsing cases: the reader accepts exactly the listed texts, which then
 // round-trip, and refuses every other with a message.
 TEST(JsonReader, JsonTestSuiteReadsRoundTripOrFailCleanly) {

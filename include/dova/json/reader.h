@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,8 +26,7 @@ class TokenTexts;
 // number tokens are judged by stream extraction. Nesting deeper than kMaxNestingDepth
 // containers is refused.
 //
-// A Reader keeps no state between calls; threads may read separate documents at once. Each
-// thread keeps the scanning buffers of its last reading, up to 1 MiB, for its next one.
+// A Reader keeps no state between calls; threads may read separate documents at once.
 class Reader {
  public:
   // A position in the input: line feeds consumed, characters since the last line feed, and
@@ -101,10 +101,9 @@ class Reader {
 
  private:
   class TokenStream;
-  class ScanBuffers;
   using InputStream = detail::InputStream;
   using TokenTexts = detail::TokenTexts;
-  using Tokens = std::vector<Token>;
+  using Tokens = std::pmr::vector<Token>;
 
   Reader() = default;
 
@@ -117,10 +116,11 @@ class Reader {
     uint32_t length = 0;
   };
   static TextPlace MatchString(InputStream& input, TokenTexts& texts);
-  static void matchStringRest(InputStream& input, std::string& text);
+  static void matchStringRest(InputStream& input, std::pmr::string& text);
   static void MatchExpectedString(InputStream& input, std::string_view expected);
   static TextPlace matchNumber(InputStream& input, TokenTexts& texts);
-  static void appendUnicodeEscape(InputStream& input, std::string& text, unsigned& high_surrogate);
+  static void appendUnicodeEscape(InputStream& input, std::pmr::string& text,
+                                  unsigned& high_surrogate);
 
   void MatchExpectedToken(Token::Type type, TokenStream& tokens);
   // The throws stay out of line, so the scanning and parsing loops stay small.

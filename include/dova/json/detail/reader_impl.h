@@ -55,6 +55,9 @@ constexpr std::streamsize kMaxReservedTokens = 1 << 16;
 // The store of texts holds a copy of the input and the decoded strings, which a quarter more
 // room seldom outgrows; it is reserved up to this.
 constexpr std::streamsize kMaxReservedText = 1 << 20;
+// Room on the stack for the tokens and texts of a reading: enough for a signal envelope or a
+// message's JSON, small enough for the stack of a real-time thread.
+constexpr size_t kScanStackBytes = 4096;
 
 }  // namespace detail
 
@@ -122,61 +125,16 @@ class Reader::TokenStream {
   const InputStream& input_;
 };
 
-// The token vector and the store of texts, kept from one reading to the next on a thread.
-//
-// Why keep them: a block as large as these, allocated by every reading, makes glibc's malloc
-// first merge all the small blocks freed since (a document just destroyed leaves thousands),
-// and the new document's members and values then pay for splitting them again: about a tenth
-// of reading a large document. A thread keeps at most kKeptBytes; buffers that grew beyond it
-// for a larger document are freed when that reading ends.
-class Reader::ScanBuffers {
- public:
-  static constexpr size_t kKeptBytes = size_t{1} << 20;
-
-  class Loan;
-
- private:
-  Tokens tokens_;
-  TokenTexts texts_;
-  bool lent_ = false;
-};
-
-// Lends this thread's buffers, empty, for one reading. A reading that starts while they are
-// lent (from inside the stream buffer of another, say) gets buffers of its own.
-class Reader::ScanBuffers::Loan {
- public:
-  Loan() : buffers_(kept().lent_ ? own_ : kept()) { buffers_.lent_ = true; }
-  ~Loan() {
-    const bool release =
-        buffers_.tokens_.capacity() * sizeof(Token) + buffers_.texts_.capacity() > kKeptBytes;
-    buffers_.tokens_.clear();
-    if (release) buffers_.tokens_.shrink_to_fit();
-    buffers_.texts_.clear(release);
-    buffers_.lent_ = false;
-  }
-  Loan(const Loan&) = delete;
-  Loan& operator=(const Loan&) = delete;
-
-  Tokens& tokens() { return buffers_.tokens_; }
-  TokenTexts& texts() { return buffers_.texts_; }
-
- private:
-  static ScanBuffers& kept() {
-    thread_local ScanBuffers buffers;
-    return buffers;
-  }
-
-  ScanBuffers own_;
-  ScanBuffers& buffers_;
-};
-
 inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, stream); }
 
 template <typename ElementTypeT>
 void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
-  ScanBuffers::Loan buffers;
-  Tokens& tokens = buffers.tokens();
-  TokenTexts& texts = buffers.texts();
+  // The tokens and texts of a small document, as most are, fit in this buffer on the stack and
+  // cost no allocation; those of a larger one go on to the heap.
+  std::byte small_document[detail::kScanStackBytes];
+  std::pmr::monotonic_buffer_resource memory(small_document, sizeof small_document);
+  Tokens tokens(&memory);
+  TokenTexts texts(&memory);
   InputStream input(stream);
   Scan(tokens, texts, input);
 
@@ -277,7 +235,7 @@ inline Reader::TextPlace Reader::matchNumber(InputStream& input, TokenTexts& tex
   input.skipInLine(static_cast<size_t>(stop - run));
   if (stop != input.end()) return {texts.offsetOf(run), static_cast<uint32_t>(stop - run)};
   // The number may go on in the next buffer: its pieces are put together apart.
-  std::string& text = texts.appended();
+  std::pmr::string& text = texts.appended();
   const size_t offset = text.size();
   text.append(run, static_cast<size_t>(stop - run));
   while (!input.atEnd()) {
@@ -302,14 +260,14 @@ inline Reader::TextPlace Reader::MatchString(InputStream& input, TokenTexts& tex
     input.skipInLine(static_cast<size_t>(stop - run) + 1);
     return {texts.offsetOf(run), static_cast<uint32_t>(stop - run)};
   }
-  std::string& text = texts.appended();
+  std::pmr::string& text = texts.appended();
   const size_t offset = text.size();
   matchStringRest(input, text);
   return {static_cast<uint32_t>(offset), static_cast<uint32_t>(text.size() - offset)};
 }
 
 // The general case of MatchString, from just after the opening quote.
-inline void Reader::matchStringRest(InputStream& input, std::string& text) {
+inline void Reader::matchStringRest(InputStream& input, std::pmr::string& text) {
   unsigned high_surrogate = 0;  // a pending high surrogate, 0 when none
   const auto missingLowSurrogate = [&input](char character) {
     return ScanException("Missing unicode low surrogate in string: " + std::string(1, character),
@@ -379,7 +337,7 @@ inline void Reader::matchStringRest(InputStream& input, std::string& text) {
 
 // Decodes the four hex digits after "\u" and appends the code point as UTF-8, pairing
 // surrogates through `high_surrogate`.
-inline void Reader::appendUnicodeEscape(InputStream& input, std::string& text,
+inline void Reader::appendUnicodeEscape(InputStream& input, std::pmr::string& text,
                                         unsigned& high_surrogate) {
   unsigned value = 0;
   char digit = 0;

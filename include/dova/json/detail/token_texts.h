@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 
@@ -19,17 +20,9 @@ namespace dova::json::detail {
 // it.
 class TokenTexts {
  public:
-  void reserve(size_t size) { store_.reserve(size); }
-  size_t capacity() const { return store_.capacity(); }
+  explicit TokenTexts(std::pmr::memory_resource* memory) : store_(memory) {}
 
-  // Empties the store for another reading; `release` also gives its memory back.
-  void clear(bool release) {
-    store_.clear();
-    if (release) store_.shrink_to_fit();
-    refills_ = 0;
-    copied_ = nullptr;
-    copied_offset_ = 0;
-  }
+  void reserve(size_t size) { store_.reserve(size); }
 
   // Copies the input's buffered characters in when they are new since the last call.
   void follow(const InputStream& input) {
@@ -47,14 +40,14 @@ class TokenTexts {
   }
 
   // Where a text is appended apart; its place is the size before appending.
-  std::string& appended() { return store_; }
+  std::pmr::string& appended() { return store_; }
 
   std::string_view at(uint32_t offset, uint32_t length) const {
     return std::string_view(store_.data() + offset, length);
   }
 
  private:
-  std::string store_;
+  std::pmr::string store_;
   uint32_t refills_ = 0;          // input.refills() when the buffer was copied
   const char* copied_ = nullptr;  // the first buffered character copied
   size_t copied_offset_ = 0;      // its place in the store
