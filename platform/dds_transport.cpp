@@ -54,9 +54,12 @@ constexpr auto kWriteWait = std::chrono::seconds(5);
 constexpr dds_duration_t kAcknowledgementPoll = DDS_MSECS(1);
 // A write that follows the writer's previous one within kBurstStart starts a
 // burst: it and the writes that follow within kBurstGap wait in the writer's
-// message, which goes out when it fills up or when the flushing thread,
-// looking every kFlushDelay, finds the burst over (no write for kBurstGap) or
-// the oldest waiting frame kMaxHold old. A frame written after the transport
+// message, which goes out when it fills up, with the write that finds the
+// oldest waiting frame kMaxHold old, or when the flushing thread finds the
+// burst over (no write for kBurstGap). That thread looks kFlushDelay after a
+// burst started, then less and less often while it goes on, at least every
+// kMaxHold: a long burst is a stream, which the thread's wake-ups would only
+// slow down. A frame written after the transport
 // received one, since the writer's previous write, never starts a burst: it
 // may be the answer someone waits for (on loopback the question's answer can
 // arrive while the question is still being sent, so the pause says nothing).
@@ -480,14 +483,16 @@ class DdsLinks {
     const int64_t pause = started - writer.last_write.load();
     const uint64_t received = frames_received_.load();
     const bool answers = writer.received_before.exchange(received) != received;
-    const bool holding = writer.held_since.load() != 0;
-    if (holding ? pause >= kBurstGapNanoseconds : answers || pause >= kBurstStartNanoseconds) {
+    const int64_t held_since = writer.held_since.load();
+    if (held_since != 0
+            ? pause >= kBurstGapNanoseconds || started - held_since >= kMaxHoldNanoseconds
+            : answers || pause >= kBurstStartNanoseconds) {
       writer.held_since.store(0);
       dds_write_flush(writer.entity);
     } else {
       // Sequentially consistent with flushBursts(): either it sees this frame
       // waiting, or this thread sees it idle and wakes it.
-      if (writer.held_since.load() == 0) writer.held_since.store(started);
+      if (held_since == 0) writer.held_since.store(started);
       if (!flush_armed_.load() && !flush_armed_.exchange(true)) {
         std::lock_guard<std::mutex> lock(flush_mutex_);
         flush_asked_.notify_one();
@@ -499,10 +504,11 @@ class DdsLinks {
 
   // Sends what waits in the writers whose burst is over or whose oldest
   // waiting frame is kMaxHold old; true when frames still wait.
-  bool flushDue(const std::vector<WriterLink*>& writers) {
+  // REQUIRES: flush_mutex_ held.
+  bool flushDue() {
     bool waiting = false;
     const int64_t now = steadyNanoseconds();
-    for (WriterLink* writer : writers) {
+    for (WriterLink* writer : burst_writers_) {
       const int64_t held_since = writer->held_since.load();
       if (held_since == 0) continue;
       if (now - writer->last_write.load() < kBurstGapNanoseconds &&
@@ -515,25 +521,26 @@ class DdsLinks {
     return waiting;
   }
 
-  // The flushing thread: looks at the writers every kFlushDelay while frames
-  // wait in them, until stop().
+  // The flushing thread: looks at the writers while frames wait in them (see
+  // kBurstStart), until stop().
   void flushBursts() {
     std::unique_lock<std::mutex> lock(flush_mutex_);
+    std::chrono::microseconds delay = kFlushDelay;
     for (;;) {
       flush_asked_.wait(lock, [this] { return flush_armed_.load() || flushing_ends_; });
       // Released meanwhile, so bursts go on filling messages.
-      flush_asked_.wait_for(lock, kFlushDelay, [this] { return flushing_ends_; });
+      flush_asked_.wait_for(lock, delay, [this] { return flushing_ends_; });
       if (flushing_ends_) return;  // stop() flushes every writer itself
-      const std::vector<WriterLink*> writers = burst_writers_;
-      lock.unlock();
-      if (!flushDue(writers)) {
-        flush_armed_.store(false);
-        // A frame written meanwhile may have seen the thread still armed.
-        for (const WriterLink* writer : writers) {
-          if (writer->held_since.load() != 0) flush_armed_.store(true);
-        }
+      if (flushDue()) {
+        delay = std::min(2 * delay, kMaxHold);
+        continue;
       }
-      lock.lock();
+      delay = kFlushDelay;
+      flush_armed_.store(false);
+      // A frame written meanwhile may have seen the thread still armed.
+      for (const WriterLink* writer : burst_writers_) {
+        if (writer->held_since.load() != 0) flush_armed_.store(true);
+      }
     }
   }
 
