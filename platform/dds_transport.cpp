@@ -52,17 +52,20 @@ constexpr int kTakeBatch = 32;
 constexpr dds_duration_t kAckWait = DDS_SECS(2);
 constexpr auto kWriteWait = std::chrono::seconds(5);
 constexpr dds_duration_t kAcknowledgementPoll = DDS_MSECS(1);
-// A write that follows the writer's previous one within kBurstStart starts a
-// burst: it and the writes that follow within kBurstGap wait in the writer's
-// message, which goes out when it fills up, with the write that finds the
-// oldest waiting frame kMaxHold old, or when the flushing thread finds the
-// burst over (no write for kBurstGap). That thread looks kFlushDelay after a
-// burst started, then less and less often while it goes on, at least every
-// kMaxHold: a long burst is a stream, which the thread's wake-ups would only
-// slow down. A frame written after the transport
-// received one, since the writer's previous write, never starts a burst: it
-// may be the answer someone waits for (on loopback the question's answer can
-// arrive while the question is still being sent, so the pause says nothing).
+// Bursts share messages. A write that follows the writer's previous one
+// within kBurstStart starts a burst: it and the writes that follow within
+// kBurstGap wait in the writer's message. The message goes out when it fills
+// up, with the write that finds the oldest waiting frame kMaxHold old, or when
+// the flushing thread finds the burst over (no write for kBurstGap).
+//
+// That thread looks kFlushDelay after a burst started, then less and less
+// often while it goes on, at least every kMaxHold: a long burst is a stream,
+// which the thread's wake-ups would only slow down.
+//
+// A frame written after the transport received one (since the writer's
+// previous write) never starts a burst: it may be the answer someone waits
+// for. On loopback the answer can arrive while the question is still being
+// sent, so the pause says nothing.
 constexpr auto kBurstStart = std::chrono::microseconds(2);
 constexpr auto kBurstGap = std::chrono::microseconds(15);
 constexpr auto kFlushDelay = std::chrono::microseconds(50);
