@@ -12,6 +12,7 @@
 #include <iterator>
 #include <locale>
 #include <memory>
+#include <memory_resource>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -119,6 +120,19 @@ TEST(JsonReader, AddsToTheTargetAndKeepsWhatWasReadBeforeAnError) {
     EXPECT_THAT(read("{" + members + "\"" + name + "\":1}"), HasSubstr("token: " + name + " |"));
   }
   EXPECT_EQ(read("{" + members + "\"m100\":1}"), "{" + members + "\"m100\":1}");
+}
+
+// The reader's own buffers do not depend on the program's default memory resource.
+TEST(JsonReader, ReadsLargeDocumentsWhateverTheDefaultMemoryResource) {
+  std::string members;
+  for (int member = 0; member < 1000; ++member) members += "\"m" + std::to_string(member) + "\":0,";
+  const std::string text = "{" + members + "\"end\":1}";
+  const auto restore = [](std::pmr::memory_resource* previous) {
+    std::pmr::set_default_resource(previous);
+  };
+  const std::unique_ptr<std::pmr::memory_resource, decltype(restore)> previous(
+      std::pmr::set_default_resource(std::pmr::null_memory_resource()), restore);
+  EXPECT_EQ(read(text), text);
 }
 
 TEST(JsonReader, RefusesNestingDeeperThan512Levels) {

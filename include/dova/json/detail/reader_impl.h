@@ -130,9 +130,11 @@ inline void Reader::Read(Object& object, std::istream& stream) { Read_i(object, 
 template <typename ElementTypeT>
 void Reader::Read_i(ElementTypeT& element, std::istream& stream) {
   // The tokens and texts of a small document, as most are, fit in this buffer on the stack and
-  // cost no allocation; those of a larger one go on to the heap.
+  // cost no allocation; those of a larger one go on to the heap (operator new, whatever default
+  // memory resource the program has set).
   std::byte small_document[detail::kScanStackBytes];
-  std::pmr::monotonic_buffer_resource memory(small_document, sizeof small_document);
+  std::pmr::monotonic_buffer_resource memory(small_document, sizeof small_document,
+                                             std::pmr::new_delete_resource());
   Tokens tokens(&memory);
   TokenTexts texts(&memory);
   InputStream input(stream);
