@@ -17,11 +17,10 @@
 #include <utility>
 #include <vector>
 
+#include "dds_frame_sample.h"
 #include "dova/guid.h"
-#include "dova/msgs/bounded_cursor.h"
 #include "dova/options.h"
 #include "dova/trace.h"
-#include "frame.h"
 #include "transport.h"
 #include "yield_while.h"
 
@@ -178,71 +177,27 @@ struct Reader {
 
 // A DDS writer and the state of its burst (see kBurstGap). Thread-safe.
 struct WriterLink {
-  explicit WriterLink(dds_entity_t writer) : entity(writer) {}
+  WriterLink(dds_entity_t writer, const ddsi_sertype* sample_type)
+      : entity(writer), type(sample_type) {}
   const dds_entity_t entity;
+  const ddsi_sertype* const type;      // of the writer's topic, which keeps it
   std::atomic<int64_t> last_write{0};  // steadyNanoseconds() at the end of the latest write
   std::atomic<int64_t> held_since{0};  // of the oldest write not sent yet; 0: none waits
   // How many frames the transport had received at the latest write.
   std::atomic<uint64_t> received_before{0};
 };
 
-// A frame published from a listener, copied, in line for the sending thread.
+// A DDS topic and the sample type it holds on to.
+struct DdsTopic {
+  dds_entity_t entity;
+  const ddsi_sertype* type;
+};
+
+// A frame published from a listener, in line for the sending thread.
 struct PendingFrame {
   std::string topic;
   WriterLink* writer = nullptr;
-  std::string md5;
-  std::string key;
-  std::vector<uint8_t> bytes;
-};
-
-// Reads the fields of a frame sample from its serialized form (a 4-byte
-// encoding header, then the fields in declaration order), without decoding
-// it into a sample: the strings and the frame are used where Cyclone keeps
-// them. Cyclone has checked the sample against the type on receipt; the
-// reads are bounded all the same.
-class SampleCursor {
- public:
-  SampleCursor(const uint8_t* bytes, size_t size) : bytes_(bytes), cursor_(bytes, size) {
-    // Encoding identifiers are big-endian; odd ones mark little-endian bodies.
-    ok_ = cursor_.skip(kHeader);
-    swap_ = ok_ && (((bytes[1] & 1) != 0) != (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__));
-  }
-
-  // A string: a count that includes the terminating NUL, then the characters.
-  bool text(std::string_view& value) {
-    const uint8_t* data = nullptr;
-    size_t count = 0;
-    if (!octets(data, count) || count == 0 || data[count - 1] != 0) return fail();
-    value = std::string_view(reinterpret_cast<const char*>(data), count - 1);
-    return true;
-  }
-
-  // A sequence of bytes: a count aligned to 4 bytes from the body's start
-  // (the header is 4 bytes long), then the bytes.
-  bool octets(const uint8_t*& data, size_t& length) {
-    uint32_t count = 0;
-    const size_t padding = (4 - cursor_.consumed() % 4) % 4;
-    if (!ok_ || !cursor_.skip(padding) || !cursor_.readUint32(count)) return fail();
-    if (swap_) count = __builtin_bswap32(count);
-    const size_t start = cursor_.consumed();
-    if (!cursor_.skip(count)) return fail();
-    data = bytes_ + start;
-    length = count;
-    return true;
-  }
-
- private:
-  static constexpr size_t kHeader = 4;
-
-  bool fail() {
-    ok_ = false;
-    return false;
-  }
-
-  const uint8_t* bytes_;
-  msgs::BoundedCursor cursor_;
-  bool ok_ = false;
-  bool swap_ = false;
+  FrameSampleRef sample;
 };
 
 // Hands every frame waiting in `reader` to its handler, in the order they were
@@ -356,8 +311,14 @@ class DdsLinks {
             const uint8_t* frame, size_t size) {
     WriterLink* const writer = writerFor(topic);
     if (writer == nullptr) return;
+    FrameSampleRef sample = makeFrameSample(writer->type, publisher_, key, md5, frame, size);
+    if (!sample) {
+      mtrace(WARN, __FILE__, __LINE__, "send", false,
+             "topic %s: a frame of %zu bytes is too large to send", topic.c_str(), size);
+      return;
+    }
     if (listenerDepth() == 0) {
-      write(topic, *writer, md5, key, frame, size, true);
+      write(topic, *writer, sample.get(), true);
       return;
     }
     bool queued;
@@ -365,10 +326,9 @@ class DdsLinks {
       std::lock_guard<std::mutex> lock(queue_mutex_);
       queued = !queue_.empty();  // what waits there goes first
     }
-    if (!queued && write(topic, *writer, md5, key, frame, size, false)) return;
+    if (!queued && write(topic, *writer, sample.get(), false)) return;
     std::lock_guard<std::mutex> lock(queue_mutex_);
-    queue_.push_back(
-        PendingFrame{topic, writer, md5, key, std::vector<uint8_t>(frame, frame + size)});
+    queue_.push_back(PendingFrame{topic, writer, std::move(sample)});
     queue_changed_.notify_one();
   }
 
@@ -376,8 +336,8 @@ class DdsLinks {
               RemoteFrameHandler handler) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return false;
-    const dds_entity_t dds_topic = topicFor(topic);
-    if (dds_topic <= 0) return false;
+    const DdsTopic* const dds_topic = topicFor(topic);
+    if (dds_topic == nullptr) return false;
 
     dds_qos_t* qos = dds_create_qos();
     dds_qset_reliability(qos, reliable ? DDS_RELIABILITY_RELIABLE : DDS_RELIABILITY_BEST_EFFORT,
@@ -394,7 +354,7 @@ class DdsLinks {
     if (in_place) context->wake_keeper = &wake_keeper_;
     dds_listener_t* listener = dds_create_listener(context.get());
     dds_lset_data_available(listener, onDataAvailable);
-    const dds_entity_t reader = dds_create_reader(participant_, dds_topic, qos, listener);
+    const dds_entity_t reader = dds_create_reader(participant_, dds_topic->entity, qos, listener);
     dds_delete_listener(listener);
     dds_delete_qos(qos);
     if (reader < 0) {
@@ -454,27 +414,19 @@ class DdsLinks {
   // again as acknowledgements come in, for at most kWriteWait. A frame that
   // follows its writer's previous one closely waits to share a message (see
   // kBurstGap); any other goes out at once, with what waited before it.
-  bool write(const std::string& topic, WriterLink& writer, const std::string& md5,
-             const std::string& key, const uint8_t* frame, size_t size, bool may_wait) {
-    dova_wire_Frame sample{};
-    sample.publisher = const_cast<char*>(publisher_.c_str());
-    sample.key = const_cast<char*>(key.c_str());
-    sample.md5 = const_cast<char*>(md5.c_str());
-    sample.data._buffer = const_cast<uint8_t*>(frame);
-    sample.data._length = static_cast<uint32_t>(size);
-    sample.data._maximum = static_cast<uint32_t>(size);
-    sample.data._release = false;
+  bool write(const std::string& topic, WriterLink& writer, ddsi_serdata* sample, bool may_wait) {
     const int64_t started = steadyNanoseconds();
     // The writer never blocks in Cyclone (its longest wait is zero): a full
-    // history returns at once, without the frame.
-    dds_return_t result = dds_write(writer.entity, &sample);
+    // history returns at once, without the frame. Each attempt consumes a
+    // reference to the sample.
+    dds_return_t result = dds_writecdr(writer.entity, ddsi_serdata_ref(sample));
     if (result == DDS_RETCODE_TIMEOUT && !may_wait) return false;
     // What waits in the writer's message has to reach the readers before they can acknowledge it.
     if (result == DDS_RETCODE_TIMEOUT) dds_write_flush(writer.entity);
     const auto give_up = std::chrono::steady_clock::now() + kWriteWait;
     while (result == DDS_RETCODE_TIMEOUT && std::chrono::steady_clock::now() < give_up) {
       dds_wait_for_acks(writer.entity, kAcknowledgementPoll);
-      result = dds_write(writer.entity, &sample);
+      result = dds_writecdr(writer.entity, ddsi_serdata_ref(sample));
     }
     if (result != DDS_RETCODE_OK) {
       mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
@@ -556,26 +508,26 @@ class DdsLinks {
       if (queue_.empty()) return;
       PendingFrame& next = queue_.front();
       lock.unlock();  // listeners only append meanwhile; the front stays
-      write(next.topic, *next.writer, next.md5, next.key, next.bytes.data(), next.bytes.size(),
-            true);
+      write(next.topic, *next.writer, next.sample.get(), true);
       lock.lock();
       queue_.pop_front();  // only now: an empty queue means all of it was written
     }
   }
 
-  // REQUIRES: mutex_ held.
-  dds_entity_t topicFor(const std::string& topic) {
+  // Null when the topic cannot be created. REQUIRES: mutex_ held.
+  const DdsTopic* topicFor(const std::string& topic) {
     const auto known = topics_.find(topic);
-    if (known != topics_.end()) return known->second;
-    const dds_entity_t created = dds_create_topic(participant_, &dova_wire_Frame_desc,
-                                                  ddsTopicName(topic).c_str(), nullptr, nullptr);
+    if (known != topics_.end()) return &known->second;
+    ddsi_sertype* type = createFrameSampleType();
+    const dds_entity_t created = dds_create_topic_sertype(participant_, ddsTopicName(topic).c_str(),
+                                                          &type, nullptr, nullptr, nullptr);
     if (created < 0) {
+      ddsi_sertype_unref(type);
       mtrace(ERROR, __FILE__, __LINE__, "topic", false, "cannot create DDS topic %s: %s",
              ddsTopicName(topic).c_str(), dds_strretcode(created));
-      return created;
+      return nullptr;
     }
-    topics_[topic] = created;
-    return created;
+    return &(topics_[topic] = DdsTopic{created, type});
   }
 
   // Null once stopped or when the writer cannot be created.
@@ -584,8 +536,8 @@ class DdsLinks {
     if (stopped_) return nullptr;
     const auto known = writers_.find(topic);
     if (known != writers_.end()) return known->second.get();
-    const dds_entity_t dds_topic = topicFor(topic);
-    if (dds_topic <= 0) return nullptr;
+    const DdsTopic* const dds_topic = topicFor(topic);
+    if (dds_topic == nullptr) return nullptr;
 
     dds_qos_t* qos = dds_create_qos();
     dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, 0);  // see write()
@@ -596,14 +548,15 @@ class DdsLinks {
     dds_qset_durability_service(qos, 0, DDS_HISTORY_KEEP_LAST, 1, DDS_LENGTH_UNLIMITED,
                                 DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
     dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
-    const dds_entity_t writer = dds_create_writer(participant_, dds_topic, qos, nullptr);
+    const dds_entity_t writer = dds_create_writer(participant_, dds_topic->entity, qos, nullptr);
     dds_delete_qos(qos);
     if (writer < 0) {
       mtrace(ERROR, __FILE__, __LINE__, "send", false, "topic %s: cannot create a writer: %s",
              topic.c_str(), dds_strretcode(writer));
       return nullptr;
     }
-    WriterLink* const link = (writers_[topic] = std::make_unique<WriterLink>(writer)).get();
+    WriterLink* const link =
+        (writers_[topic] = std::make_unique<WriterLink>(writer, dds_topic->type)).get();
     std::lock_guard<std::mutex> flush_lock(flush_mutex_);
     burst_writers_.push_back(link);
     return link;
@@ -632,7 +585,7 @@ class DdsLinks {
 
   std::mutex mutex_;  // guards everything below
   bool stopped_ = false;
-  std::map<std::string, dds_entity_t> topics_;
+  std::map<std::string, DdsTopic> topics_;
   std::map<std::string, std::unique_ptr<WriterLink>> writers_;
   std::vector<std::unique_ptr<Reader>> readers_;  // what the listeners point to
 };

@@ -113,15 +113,23 @@ TEST_F(DdsTransport, ReportsArriveInOrderPerPublisherAndNoneIsLostToAKilledOrAnE
     korcommon::Diagnostics::publish("hello", 0, 0, "");  // until the two have found each other
   }
   // A burst far beyond what a writer may hold unacknowledged, while the echo's
-  // acknowledgements arrive on the thread that runs its callback.
+  // acknowledgements arrive on the thread that runs its callback. Every 100th
+  // report travels in several fragments; the echo sends the text back.
   constexpr size_t kBurst = 3000;
+  const auto text = [](int code) {
+    std::string letters(code % 100 == 0 ? 20000 : 200, ' ');
+    for (size_t i = 0; i < letters.size(); ++i)
+      letters[i] = static_cast<char>('a' + (i + static_cast<size_t>(code)) % 26);
+    return letters;
+  };
   for (size_t code = 0; code < kBurst; ++code) {
-    korcommon::Diagnostics::publish("burst", static_cast<int>(code), 0, std::string(200, 'x'));
+    korcommon::Diagnostics::publish("burst", static_cast<int>(code), 0,
+                                    text(static_cast<int>(code)));
   }
-  const auto echoes = [](const std::vector<DiagnosticValue>& all) {
-    return static_cast<size_t>(
-        std::count_if(all.begin(), all.end(),
-                      [](const DiagnosticValue& report) { return report.name == "echo/burst"; }));
+  const auto echoes = [&](const std::vector<DiagnosticValue>& all) {
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const auto& report) {
+      return report.name == "echo/burst" && report.message == text(report.code);
+    }));
   };
   EXPECT_TRUE(inbox_->waitUntil([&](const auto& all) { return echoes(all) == kBurst; }))
       << echoes(inbox_->items()) << " echoes; " << echo.errors();
