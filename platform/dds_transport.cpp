@@ -244,8 +244,10 @@ size_t deliverWaiting(dds_entity_t entity, Reader& reader) {
   // Before any handler runs: what it publishes answers these frames.
   reader.received->fetch_add(count);
   Waiting* frames = spilled.empty() ? inline_frames : spilled.data();
-  std::stable_sort(frames, frames + count,
-                   [](const Waiting& a, const Waiting& b) { return a.written < b.written; });
+  const auto earlier = [](const Waiting& a, const Waiting& b) { return a.written < b.written; };
+  // Mostly in order already; the stable sort would allocate its buffer even then.
+  if (!std::is_sorted(frames, frames + count, earlier))
+    std::stable_sort(frames, frames + count, earlier);
   for (size_t i = 0; i < count; ++i) {
     ddsi_serdata* sample = frames[i].sample;
     const size_t size = ddsi_serdata_size(sample);
