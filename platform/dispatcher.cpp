@@ -69,8 +69,12 @@ void invoke(Subscription& subscription, const Delivery& delivery) {
              subscription.type.c_str());
       return;
     }
-    // The subscriber decodes in place but does not write; the copy keeps the
+    // The subscriber decodes in place and may write there; a copy keeps a
     // shared frame constant for the other subscribers.
+    if (delivery.frame_is_private) {
+      subscriber.callback(const_cast<uint8_t*>(frame.data()), static_cast<int>(frame.size()));
+      return;
+    }
     std::vector<uint8_t> own(frame);
     subscriber.callback(own.data(), static_cast<int>(own.size()));
   } catch (const std::exception& error) {
@@ -245,8 +249,9 @@ bool Dispatcher::add(SubscriberBase& subscriber, ThreadPool* pool, bool refuse_o
               Origin{std::string(), std::string(md5), std::move(publisher)});
         }
         Delivery delivery;
-        delivery.frame = std::make_shared<const std::vector<uint8_t>>(frame, frame + size);
+        delivery.frame = std::make_shared<std::vector<uint8_t>>(frame, frame + size);
         delivery.origin = origin;
+        delivery.frame_is_private = true;
         deliver(subscription, delivery, gate);
       });
   if (!listening) {

@@ -35,6 +35,10 @@ struct Delivery {
   std::shared_ptr<const Msg> message;                 // null for frames from elsewhere
   std::shared_ptr<const std::vector<uint8_t>> frame;  // built only when someone needs it
   std::shared_ptr<const Origin> origin;
+  // The frame is this delivery's alone (a copy of what arrived from elsewhere,
+  // built for one subscription, not constant): the subscriber may decode it
+  // where it is.
+  bool frame_is_private = false;
 };
 
 // The node's side of every subscription: which subscribers each topic has,
