@@ -423,12 +423,14 @@ class DdsLinks {
     // reference to the sample.
     dds_return_t result = dds_writecdr(writer.entity, ddsi_serdata_ref(sample));
     if (result == DDS_RETCODE_TIMEOUT && !may_wait) return false;
-    // What waits in the writer's message has to reach the readers before they can acknowledge it.
-    if (result == DDS_RETCODE_TIMEOUT) dds_write_flush(writer.entity);
-    const auto give_up = std::chrono::steady_clock::now() + kWriteWait;
-    while (result == DDS_RETCODE_TIMEOUT && std::chrono::steady_clock::now() < give_up) {
-      dds_wait_for_acks(writer.entity, kAcknowledgementPoll);
-      result = dds_writecdr(writer.entity, ddsi_serdata_ref(sample));
+    if (result == DDS_RETCODE_TIMEOUT) {
+      // What waits in the writer's message has to reach the readers before they can acknowledge it.
+      dds_write_flush(writer.entity);
+      const auto give_up = std::chrono::steady_clock::now() + kWriteWait;
+      while (result == DDS_RETCODE_TIMEOUT && std::chrono::steady_clock::now() < give_up) {
+        dds_wait_for_acks(writer.entity, kAcknowledgementPoll);
+        result = dds_writecdr(writer.entity, ddsi_serdata_ref(sample));
+      }
     }
     if (result != DDS_RETCODE_OK) {
       mtrace(WARN, __FILE__, __LINE__, "send", false, "topic %s: a frame was not sent: %s",
