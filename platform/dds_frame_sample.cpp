@@ -173,7 +173,7 @@ size_t print(const ddsi_sertype*, const ddsi_serdata* from, char* buffer, size_t
   std::string_view publisher;
   std::string_view key;
   if (cursor.text(publisher)) cursor.text(key);
-  const int length = std::snprintf(buffer, size, "{publisher:\"%.*s\",key:\"%.*s\"}",
+  const int length = std::snprintf(buffer, size, R"({publisher:"%.*s",key:"%.*s"})",
                                    static_cast<int>(publisher.size()), publisher.data(),
                                    static_cast<int>(key.size()), key.data());
   return length < 0 ? 0 : static_cast<size_t>(length);
